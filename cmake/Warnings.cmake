@@ -1,0 +1,7 @@
+# Warnings for our own code; every one is an error with both compilers that are supported.
+add_library(kelo_warnings INTERFACE)
+target_compile_options(kelo_warnings INTERFACE
+    -Wall -Wextra -Wpedantic -Werror -Wshadow -Wcast-qual -Wformat=2 -Wundef
+    $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Woverloaded-virtual -Wold-style-cast>
+    # g++ 12 reports overlapping copies inside std::string that cannot happen.
+    $<$<AND:$<COMPILE_LANGUAGE:CXX>,$<CXX_COMPILER_ID:GNU>>:-Wno-restrict>)

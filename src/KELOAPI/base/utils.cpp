@@ -1,0 +1,62 @@
+#include "utils.h"
+
+#include <execinfo.h>
+#include <pthread.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+
+std::atomic<bool> log_enable{true};
+std::atomic<int> alog_counter{0};
+std::atomic<int> amark_was_here{0};
+
+uint64_t vc_get_time_msec() {
+    timeval now{};
+    if (gettimeofday(&now, nullptr) != 0) {
+        perror("vc_get_time_msec: gettimeofday failed.");
+        exit(1);
+    }
+    return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_usec) / 1000;
+}
+
+void print_backtrace() {
+    constexpr int kFramesMax = 256;
+    std::array<void*, kFramesMax> frames{};
+    const int count = backtrace(frames.data(), kFramesMax);
+    fflush(stdout);
+    backtrace_symbols_fd(frames.data(), count, STDOUT_FILENO);
+}
+
+namespace kelo {
+
+void Logging(bool enable) { log_enable = enable; }
+
+void Log(const char* format, ...) {
+    if (amark_was_here.exchange(0) != 0) fputc('\n', stderr);
+    const int number = ++alog_counter;
+    if (log_enable) {
+        va_list arguments;
+        va_start(arguments, format);
+        // Held over both calls, so that no other thread's line falls in between.
+        flockfile(stdout);
+        printf("%d: ", number);
+        vprintf(format, arguments);
+        funlockfile(stdout);
+        va_end(arguments);
+    }
+    fflush(stdout);
+}
+
+void ShowMessage(StrArg title, StrArg text) { Log("%s: %s\n", title.c_str(), text.c_str()); }
+
+void Sleep(int ms) {
+    if (ms > 0) usleep(static_cast<useconds_t>(ms) * 1000);
+}
+
+void NameThisThread(const char* name) { pthread_setname_np(pthread_self(), name); }
+
+}  // namespace kelo

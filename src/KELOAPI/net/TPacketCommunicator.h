@@ -1,0 +1,49 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+
+class TPacketCommunicator;
+
+// Takes the datagrams that a communicator receives.
+class IPacketReceiver {
+public:
+    // One datagram, on the communicator's receive thread. ip is the sender's address (host order),
+    // port the LOCAL port that received it; data is valid only during the call.
+    virtual void OnRcv(TPacketCommunicator* from, uint32_t ip, const void* data, int length,
+                       unsigned short port) = 0;
+    virtual ~IPacketReceiver() = default;
+};
+
+// A transport for datagrams with a receive thread of its own. Sends may come from any thread.
+class TPacketCommunicator {
+public:
+    using Ptr = std::shared_ptr<TPacketCommunicator>;
+
+    // The receiver is borrowed and must outlive the receive thread.
+    explicit TPacketCommunicator(IPacketReceiver* receiver) : Receiver(receiver) {}
+    virtual ~TPacketCommunicator() = default;
+    TPacketCommunicator(const TPacketCommunicator&) = delete;
+    TPacketCommunicator& operator=(const TPacketCommunicator&) = delete;
+
+    virtual void StartRxThread() = 0;
+    // Ends and joins the receive thread. Never from inside OnRcv.
+    virtual void StopRxThread() = 0;
+    virtual bool IsInitialized() = 0;
+    // Bytes sent or -1. An ip of 0xFFFFFFFF broadcasts.
+    virtual ssize_t Send(uint32_t ip, int port, const void* data, int length) = 0;
+    virtual unsigned short GetSocketPort() = 0;
+    virtual unsigned int GetSocketIp() = 0;
+    // A text for log lines, valid until the calling thread's next call.
+    virtual const char* GetDescription() = 0;
+
+    // Whether the receive thread has begun; stays true when it has ended.
+    bool IsReadyToReceive() const { return ReadyToReceive; }
+
+protected:
+    std::atomic<bool> ReadyToReceive{false};
+    IPacketReceiver* Receiver;
+};

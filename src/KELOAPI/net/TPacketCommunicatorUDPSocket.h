@@ -1,0 +1,59 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "TPacketCommunicator.h"
+#include "UDPSocket.h"
+
+// One bound UDP socket and the thread that hands its datagrams to the receiver. The receive buffer
+// is made once per thread; OnRcv gets a pointer into it.
+class TPacketCommunicatorUDPSocket final : public TPacketCommunicator {
+public:
+    enum TUDPStatus { UDPST_OK = 0, UDPST_ERROR = 1, UDPST_BAD_PORT = 2 };
+
+    // Opens the socket but starts no thread. ip 0 is any address, port 0 lets the system choose.
+    // Longer datagrams are cut to maxPacketSize. receiveBufferSize, if not 0, is asked of the kernel.
+    TPacketCommunicatorUDPSocket(IPacketReceiver* receiver, int port, int maxPacketSize,
+                                 uint32_t ip, int receiveBufferSize = 0);
+    ~TPacketCommunicatorUDPSocket() override;
+
+    void StartRxThread() override;
+    void StopRxThread() override;
+    bool IsInitialized() override { return UDPStatus == UDPST_OK; }
+    ssize_t Send(uint32_t ip, int port, const void* data, int length) override;
+    unsigned short GetSocketPort() override { return actual_port; }
+    unsigned int GetSocketIp() override { return bind_ip; }
+    const char* GetDescription() override;
+
+    // Closes and opens the socket again; with a requested port of 0 the new one may differ.
+    void RestartSocket();
+
+    // Stops the receive thread for good: no restart brings it back. For a receiver that is about
+    // to be destroyed while others still hold this transport.
+    void Retire();
+
+private:
+    void OpenSocket();
+    void RxThreadFunc();
+    // False when a stop is wanted.
+    bool ReceiveWaitingDatagrams(std::vector<std::byte>& buffer);
+
+    const int MaxPacketSize;
+    const uint32_t bind_ip;
+    const uint16_t bind_port;
+    const int receive_buffer_size;
+
+    std::unique_ptr<UDPSocket> Socket;  // null when closed; replaced only under mutex_send, with no
+                                        // receive thread running
+    std::atomic<uint16_t> actual_port{0};
+    std::atomic<TUDPStatus> UDPStatus{UDPST_ERROR};
+    std::thread RxThread;
+    std::atomic<bool> RxThreadStopWanted{false};
+    std::atomic<bool> retired{false};
+    std::recursive_mutex mutex_send;  // serialises sends; recursive: a failed send restarts
+};

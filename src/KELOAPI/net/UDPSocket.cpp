@@ -1,0 +1,146 @@
+#include "UDPSocket.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+
+#include <cerrno>
+#include <cstdio>
+
+namespace {
+
+sockaddr_in MakeAddress(uint32_t ip, uint16_t port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(ip);
+    return address;
+}
+
+const sockaddr* Generic(const sockaddr_in& address) {
+    return reinterpret_cast<const sockaddr*>(&address);
+}
+
+sockaddr* Generic(sockaddr_in& address) { return reinterpret_cast<sockaddr*>(&address); }
+
+}  // namespace
+
+UDPSocket::UDPSocket(u16 port) : UDPSocket(INADDR_ANY, port) {}
+
+UDPSocket::UDPSocket(uint32_t ip, u16 port) : fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    setReusePort();
+    setBroadcast();
+    bind(ip, port);
+}
+
+void UDPSocket::setReusePort() {
+    const int on = 1;
+    setsockopt(fd.Get(), SOL_SOCKET, SO_REUSEPORT, &on, sizeof(on));
+}
+
+void UDPSocket::setBroadcast() {
+    const int on = 1;
+    setsockopt(fd.Get(), SOL_SOCKET, SO_BROADCAST, &on, sizeof(on));
+}
+
+int UDPSocket::bind(uint32_t ip, u16 port) {
+    const sockaddr_in address = MakeAddress(ip, port);
+    return ::bind(fd.Get(), Generic(address), sizeof(address));
+}
+
+bool UDPSocket::setDestination(uint32_t ip, u16 port) {
+    const sockaddr_in address = MakeAddress(ip, port);
+    // A peer that cannot be reached now shows when something is sent.
+    (void)::connect(fd.Get(), Generic(address), sizeof(address));
+    return true;
+}
+
+bool UDPSocket::setDestination(const char* ip, u16 port) {
+    in_addr address{};
+    if (ip == nullptr || inet_pton(AF_INET, ip, &address) != 1) return false;
+    return setDestination(ntohl(address.s_addr), port);
+}
+
+int UDPSocket::getBufferSize() {
+    int size = 0;
+    socklen_t length = sizeof(size);
+    if (getsockopt(fd.Get(), SOL_SOCKET, SO_SNDBUF, &size, &length) != 0) {
+        perror("getBufferSize:");
+        return 0;
+    }
+    if (length != sizeof(size)) {
+        printf("error - getsockopt returned %d bytes\n", static_cast<int>(length));
+    }
+    return size;
+}
+
+void UDPSocket::setBufferSize(int size) {
+    if (setsockopt(fd.Get(), SOL_SOCKET, SO_SNDBUF, &size, sizeof(size)) != 0) {
+        perror("setBufferSize:");
+    }
+}
+
+void UDPSocket::requestReceiveBuffer(int size) {
+    if (setsockopt(fd.Get(), SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof(size)) != 0) {
+        setsockopt(fd.Get(), SOL_SOCKET, SO_RCVBUF, &size, sizeof(size));
+    }
+}
+
+ssize_t UDPSocket::send(const void* data, size_t length) {
+    return ::send(fd.Get(), data, length, 0);
+}
+
+ssize_t UDPSocket::sendto(const void* data, size_t length, uint32_t ip, uint16_t port) {
+    const sockaddr_in address = MakeAddress(ip, port);
+    return ::sendto(fd.Get(), data, length, 0, Generic(address), sizeof(address));
+}
+
+ssize_t UDPSocket::sendBroadcast(const void* data, size_t length, uint16_t port) {
+    return sendto(data, length, INADDR_BROADCAST, port);
+}
+
+ssize_t UDPSocket::sendmsg(const msghdr* message) { return ::sendmsg(fd.Get(), message, 0); }
+
+ssize_t UDPSocket::receive(void* buf, size_t len, uint32_t* ip, uint16_t* port) {
+    return receiveWithFlags(buf, len, ip, port, 0);
+}
+
+ssize_t UDPSocket::receiveWaiting(void* buf, size_t len, uint32_t* ip) {
+    return receiveWithFlags(buf, len, ip, nullptr, MSG_DONTWAIT);
+}
+
+ssize_t UDPSocket::receiveWithFlags(void* buf, size_t len, uint32_t* ip, uint16_t* port,
+                                    int flags) {
+    if (ip == nullptr) return ::recv(fd.Get(), buf, len, flags);
+    sockaddr_in sender{};
+    socklen_t length = sizeof(sender);
+    const ssize_t count = ::recvfrom(fd.Get(), buf, len, flags, Generic(sender), &length);
+    if (count >= 0) {
+        *ip = ntohl(sender.sin_addr.s_addr);
+        if (port != nullptr) *port = ntohs(sender.sin_port);
+    }
+    return count;
+}
+
+int UDPSocket::waitReadable(int timeout_ms) {
+    pollfd wanted{.fd = fd.Get(), .events = POLLIN, .revents = 0};
+    // A socket with a pending error counts as readable: receiving fetches and clears the error.
+    return ::poll(&wanted, 1, timeout_ms);
+}
+
+void UDPSocket::setNonBlocking(bool non_blocking) {
+    const int flags = fcntl(fd.Get(), F_GETFL, 0);
+    if (flags < 0) return;
+    fcntl(fd.Get(), F_SETFL, non_blocking ? flags | O_NONBLOCK : flags & ~O_NONBLOCK);
+}
+
+uint16_t UDPSocket::getPort() {
+    sockaddr_in address{};
+    socklen_t length = sizeof(address);
+    if (getsockname(fd.Get(), Generic(address), &length) != 0 || length != sizeof(address) ||
+        address.sin_family != AF_INET) {
+        return 0;
+    }
+    return ntohs(address.sin_port);
+}

@@ -1,0 +1,63 @@
+#pragma once
+
+#include <sys/socket.h>
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+
+#include "FileDescriptor.h"
+#include "NetworkInterfaces.h"
+
+// One IPv4 datagram socket. Addresses and ports in host order.
+//
+// Construction ignores failures: a socket that could not be made or bound shows by getPort() being
+// 0. Operations may be called from any thread; nothing throws.
+class UDPSocket {
+public:
+    using u16 = uint16_t;
+
+    // Bound to port on every interface.
+    explicit UDPSocket(u16 port);
+    // Bound to ip:port, with address reuse and broadcast allowed.
+    UDPSocket(uint32_t ip, u16 port);
+
+    void setReusePort();
+    void setBroadcast();
+    int bind(uint32_t ip, u16 port);
+
+    // Fixes the peer. True whatever connect() says; the text form is false for anything but a
+    // dotted IPv4 address, and then leaves the socket alone.
+    bool setDestination(uint32_t ip, u16 port);
+    bool setDestination(const char* ip, u16 port);
+
+    // The SEND buffer: camera tools size it, while reception has its own operation below.
+    int getBufferSize();
+    void setBufferSize(int size);
+
+    // Asks for a receive buffer of that many bytes, beyond the system's limit where the process may;
+    // silently takes what it gets.
+    void requestReceiveBuffer(int size);
+
+    // All return the system's result: bytes or -1 with errno.
+    ssize_t send(const void* data, size_t length);
+    ssize_t sendto(const void* data, size_t length, uint32_t ip, uint16_t port);
+    ssize_t sendBroadcast(const void* data, size_t length, uint16_t port);
+    ssize_t sendmsg(const msghdr* message);
+    // Stores the sender's address if ip is given, and its port if both are.
+    ssize_t receive(void* buf, size_t len, uint32_t* ip, uint16_t* port);
+    // The same, without waiting whatever the socket's mode.
+    ssize_t receiveWaiting(void* buf, size_t len, uint32_t* ip);
+    // Waits until a datagram is there. 1: yes, 0: time is over, -1: the wait failed.
+    int waitReadable(int timeout_ms);
+
+    void setNonBlocking(bool non_blocking);
+    // The local port, 0 when unknown.
+    uint16_t getPort();
+    int getNativeHandle() const { return fd.Get(); }
+
+private:
+    ssize_t receiveWithFlags(void* buf, size_t len, uint32_t* ip, uint16_t* port, int flags);
+
+    FileDescriptor fd;
+};

@@ -1,0 +1,1 @@
+#include "kelo_api.h"

@@ -1,0 +1,21 @@
+#pragma once
+
+namespace kelo::bench {
+
+// Keeps the calling thread, and every thread and process that it starts from now on, on one core.
+// Throws std::system_error.
+void PinToCore(int core);
+
+// Processor time of this process so far, user and system, all threads.
+double CpuSeconds();
+
+// Seconds on a clock that only goes forward.
+double Now();
+
+// Nanoseconds that a cache line takes from one core to the other and back, over a few thousand
+// rounds (about a millisecond). On a virtual machine the two cores move about on the host, and work
+// that crosses them costs up to 2.6 times more in a bad place: a probe before and after a
+// measurement tells whether that happened under it.
+double PlacementProbeNs(int core_a, int core_b);
+
+}  // namespace kelo::bench

@@ -25,14 +25,15 @@ public:
     virtual uint32_t GetPendingCount(uint32_t ip, uint8_t stream) = 0;
     // Gives an image back. True also when the stream is not known.
     virtual bool PopImage(uint32_t ip, uint8_t stream, BufferInfo* image) = 0;
-    // The oldest finished image, which stays queued; waits up to timeout milliseconds, null if none.
+    // The oldest finished image, which stays queued; waits up to timeout milliseconds, null if
+    // none.
     virtual BufferInfo* GetImage(int timeout, uint32_t ip, uint8_t stream) = 0;
     // Drops every finished image of the stream.
     virtual void ClearBuffer(uint32_t ip, uint8_t stream) = 0;
 
     // Creates the stream's receiver, or restarts it.
-    virtual void InitStream(uint32_t ip, uint8_t stream, uint8_t streamFormat,
-                            uint8_t headerFormat, uint32_t headerSize, uint32_t maxFrameSize) = 0;
+    virtual void InitStream(uint32_t ip, uint8_t stream, uint8_t streamFormat, uint8_t headerFormat,
+                            uint32_t headerSize, uint32_t maxFrameSize) = 0;
     // Zeroes the counters of every stream of the camera.
     virtual void ResetStatistics(uint32_t ip) = 0;
     virtual bool IsBufferEmpty(uint32_t ip, uint8_t stream) = 0;

@@ -1,0 +1,71 @@
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <list>
+#include <mutex>
+
+#include "CachedAllocator.h"
+#include "kelo_types.h"
+
+// The finished images of one stream: the end that UDP and TCP reception share, and the base of both
+// per-stream receivers.
+//
+// A record is complete when it enters the list, never changes there, and its address is the image's
+// identity until it is popped. There is no limit on the number of finished images: reception never
+// drops one because the application is slow.
+//
+// Producers are the reception threads, consumers the application's threads. Lock order:
+// get_image_mutex or onrcv_mutex, then finished_buffers_mutex.
+class FinishedImageQueue {
+public:
+    FinishedImageQueue(const FinishedImageQueue&) = delete;
+    FinishedImageQueue& operator=(const FinishedImageQueue&) = delete;
+
+    uint32_t GetPendingCount();
+    bool IsBufferEmpty();
+
+    // The oldest finished image, which stays queued; waits up to timeout milliseconds for one and
+    // returns null if none came. One caller at a time waits, the others stand behind it.
+    BufferInfo* GetImage(int timeout);
+
+    // Takes the record at that address out and reuses its memory. False when it is not queued.
+    bool PopImage(BufferInfo* image);
+
+    void ClearBuffer();
+    void ResetStatistics();
+
+    // For good: whoever waits in GetImage leaves at once with null, and nobody waits any more.
+    // Queued images are still returned.
+    void EndWaits();
+    bool WaitsEnded() const { return waits_ended; }
+
+protected:
+    FinishedImageQueue() = default;
+    ~FinishedImageQueue();
+
+    // A zeroed buffer, or null when none of that size can be had.
+    unsigned char* allocateImage(uint32_t size);
+
+    // Hands a completed image over: counts it, and gives it the stream's counters of this moment.
+    // The caller holds onrcv_mutex; the image's buffer belongs to the queue from here on.
+    void finish(BufferInfo image);
+
+    CachedAllocator ca;
+    std::mutex onrcv_mutex;               // the reception lock of the derived receiver
+    StreamStatistics streamStatistics{};  // guarded by onrcv_mutex
+
+private:
+    std::mutex finished_buffers_mutex;
+    std::condition_variable cv_wake_getimage;
+    std::atomic<bool> wake_getimage{false};  // set under finished_buffers_mutex
+    std::atomic<bool> waits_ended{false};    // set under finished_buffers_mutex
+    std::mutex get_image_mutex;              // held by GetImage for its whole run
+    std::list<BufferInfo> finished_buffers;  // guarded by finished_buffers_mutex; oldest first
+};
+
+// The image's memory.
+inline unsigned char* imageData(const BufferInfo& image) {
+    return reinterpret_cast<unsigned char*>(static_cast<uintptr_t>(image.buffer));
+}

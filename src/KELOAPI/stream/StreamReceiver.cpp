@@ -1,0 +1,291 @@
+#include "StreamReceiver.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+
+#include "utils.h"
+
+StreamReceiver::StreamReceiver(uint32_t ip, uint8_t number)
+    : ip_address(ip), stream_number(number), slidingWindow(slidingWindowSize) {}
+
+void StreamReceiver::InitStream(uint8_t stream_format, uint8_t header_format, uint32_t header_size,
+                                uint32_t frame_size_max) {
+    const std::lock_guard lock(onrcv_mutex);
+    finishTransfers();
+    streamFormat = stream_format;
+    headerFormat = header_format;
+    headerSize = header_size;
+    maxFrameSize = frame_size_max;
+
+    slidingWindow.assign(slidingWindowSize, false);
+    slidingWindowPosition = 0;
+    positions_set = 0;
+    initializeOnNextPacket = true;
+    slidingWindowPositionImageNumber = 0;
+    slidingWindowPositionPacketNumber = 0;
+    slidingWindowNumberOfPackets = 0;
+    refused_images.fill(std::nullopt);
+}
+
+void StreamReceiver::OnRcv(uint32_t, const void* data, int size, uint16_t) {
+    if (size <= static_cast<int>(sizeof(THeaderImage))) return;
+    const Packet packet = parse(data, size);
+    const std::lock_guard lock(onrcv_mutex);
+    packet_received_flag = true;
+    receive(packet);
+}
+
+StreamReceiver::Packet StreamReceiver::parse(const void* data, int size) {
+    const auto header = kelo::CopyRecord<THeaderImage>(data, sizeof(THeaderImage));
+    return {
+        .image_number = kelo_ntohl(header.NL_image_number),
+        .number = kelo_ntohs(header.NS_current_packet),
+        .count = kelo_ntohs(header.NS_all_packets),
+        .width = kelo_ntohs(header.NS_image_width),
+        .height = kelo_ntohs(header.NS_image_height),
+        .payload = static_cast<const unsigned char*>(data) + sizeof(THeaderImage),
+        .payload_length = static_cast<uint32_t>(size) - uint32_t{sizeof(THeaderImage)},
+    };
+}
+
+void StreamReceiver::receive(const Packet& packet) {
+    while (true) {
+        std::optional<Place> place = find(packet.image_number);
+        if (!place) place = begin(packet);
+        if (!place) return;
+        ReceivingBuffer& receiving = receiving_buffers[place->index];
+        if (!isPacketNumberValid(packet, receiving.first.allPacketsAmount)) return;
+
+        const uint32_t distance =
+            place->positions_before - slidingWindowPositionPacketNumber + packet.number;
+        if (distance < slidingWindowSize) {
+            placePayload(packet, receiving);
+            record(distance);
+            advance();
+            return;
+        }
+        // A recovery brings the packet to the window position; it is then placed in a second round.
+        if (!recover(distance)) return;
+    }
+}
+
+std::optional<StreamReceiver::Place> StreamReceiver::find(uint32_t image_number) const {
+    uint32_t positions_before = 0;
+    for (size_t index = 0; index < receiving_buffers.size(); ++index) {
+        const BufferInfo& image = receiving_buffers[index].first;
+        if (image.imageNumber == image_number) return Place{index, positions_before};
+        positions_before += image.allPacketsAmount;
+    }
+    return std::nullopt;
+}
+
+// Puts the packet's image behind the others under reception.
+std::optional<StreamReceiver::Place> StreamReceiver::begin(const Packet& packet) {
+    // An image without packets has no position in the window: it could never be completed.
+    if (packet.count == 0) {
+        isPacketNumberValid(packet, 0);
+        return std::nullopt;
+    }
+    if (isRefused(packet.image_number)) return std::nullopt;
+
+    // Everything that can fail comes before the first change.
+    receiving_buffers.reserve(receiving_buffers.size() + 1);
+    BufferInfo image{};
+    initializeBufferInfo(image, packet);
+    unsigned char* data = allocateImage(maxFrameSize);
+    if (data == nullptr) {
+        refuse(packet.image_number);
+        return std::nullopt;
+    }
+    image.buffer = reinterpret_cast<uintptr_t>(data);
+    const ReceivingBufferMetadata metadata{
+        .payloadLength = packet.payload_length,
+        .payloadLengthCorrect = packet.number != packet.count - 1 && packet.count != 1,
+    };
+
+    if (initializeOnNextPacket) slidingWindowPositionImageNumber = packet.image_number;
+    initializeOnNextPacket = false;
+    while (receiving_buffers.size() >= kReceivingImagesMax) {
+        consume(kAllPositions, Completion::ByPackets);
+    }
+    if (receiving_buffers.empty()) {
+        streamStatistics.imagesSkipped += packet.image_number - slidingWindowPositionImageNumber;
+        slidingWindowPositionImageNumber = packet.image_number;
+        slidingWindowPositionPacketNumber = 0;
+    }
+    receiving_buffers.emplace_back(image, metadata);
+    return find(packet.image_number);
+}
+
+void StreamReceiver::initializeBufferInfo(BufferInfo& image, const Packet& packet) const {
+    image.streamNumber = stream_number;
+    image.streamFormat = streamFormat;
+    image.headerType = headerFormat;
+    image.headerSize = static_cast<uint8_t>(headerSize);
+    image.imageWidth = packet.width;
+    image.imageHeight = packet.height;
+    image.allPacketsAmount = packet.count;
+    image.imageNumber = packet.image_number;
+    image.bufferLength = maxFrameSize;
+}
+
+bool StreamReceiver::isRefused(uint32_t image_number) const {
+    return std::find(refused_images.begin(), refused_images.end(), image_number) !=
+           refused_images.end();
+}
+
+// Nothing that a camera announces may stop the stream: the image is left out, the next one is tried
+// again.
+void StreamReceiver::refuse(uint32_t image_number) {
+    refused_images[next_refused] = image_number;
+    next_refused = (next_refused + 1) % refused_images.size();
+    kelo::Log("Stream %d: image %u dropped, no buffer of %u bytes can be had.\n", stream_number,
+              image_number, maxFrameSize);
+}
+
+bool StreamReceiver::isPacketNumberValid(const Packet& packet, uint16_t all_packets) const {
+    if (packet.number >= all_packets) {
+        kelo::Log("Invalid packet number %d >= %d (all packets for image nr %d).\n", packet.number,
+                  all_packets, static_cast<int>(packet.image_number));
+        return false;
+    }
+    if (packet.image_number == slidingWindowPositionImageNumber &&
+        packet.number < slidingWindowPositionPacketNumber) {
+        kelo::Log(
+            "Invalid packet number (too old) %d < %d (sliding window position) (image nr %d).\n",
+            packet.number, static_cast<int>(slidingWindowPositionPacketNumber),
+            static_cast<int>(packet.image_number));
+        return false;
+    }
+    return true;
+}
+
+// A packet lies beyond the window. A few such packets are dropped; when more come with the window
+// standing still, what it waits for is not coming any more. True when the window moved.
+bool StreamReceiver::recover(uint32_t distance) {
+    ++tooNewPackets;
+    if (tooNewPackets <= static_cast<uint32_t>(tooNewPacketsSlidingWindowFillThresholdCount)) {
+        return false;
+    }
+    kelo::Log("Too many too new packets received, recovering, moving sliding window.\n");
+    // The packet's own image lies behind all these positions, so they never run out of images.
+    while (distance > 0)
+        distance -= consume(distance, Completion::ByPackets);
+    kelo::Log("Sliding window position: img nr %d, packet %d.\n",
+              static_cast<int>(slidingWindowPositionImageNumber),
+              static_cast<int>(slidingWindowPositionPacketNumber));
+    return true;
+}
+
+// The packet count that counts is the image's own: a packet that claims another cannot move data
+// out of its place.
+void StreamReceiver::placePayload(const Packet& packet, ReceivingBuffer& receiving) {
+    auto& [image, metadata] = receiving;
+    const uint64_t length = image.bufferLength;
+    const uint64_t last = image.allPacketsAmount - 1u;
+    unsigned char* data = imageData(image);
+    if (!metadata.payloadLengthCorrect && packet.number != last) {
+        // Only the last packet has come so far, and was placed as if all were of its length.
+        const uint64_t from = last * metadata.payloadLength;
+        const uint64_t to = last * packet.payload_length;
+        if (from < length && to < length) {
+            const uint64_t bytes =
+                std::min({uint64_t{metadata.payloadLength}, length - from, length - to});
+            std::memmove(data + to, data + from, bytes);
+        }
+        metadata = {.payloadLength = packet.payload_length, .payloadLengthCorrect = true};
+    }
+    const uint64_t offset = uint64_t{metadata.payloadLength} * packet.number;
+    if (offset < length) {
+        std::memcpy(data + offset, packet.payload,
+                    std::min(uint64_t{packet.payload_length}, length - offset));
+    }
+    streamStatistics.bytesReceived += packet.payload_length;
+    image.bufferStatistics.bytesReceived += packet.payload_length;
+}
+
+void StreamReceiver::record(uint32_t distance) {
+    size_t entry = slidingWindowPosition + distance;
+    if (entry >= slidingWindowSize) entry -= slidingWindowSize;
+    if (!slidingWindow[entry]) ++positions_set;
+    slidingWindow[entry] = true;
+    // Without bounds in theory, as duplicates raise it for good.
+    if (slidingWindowNumberOfPackets < INT_MAX) ++slidingWindowNumberOfPackets;
+}
+
+// Consumes what is contiguous, and writes off gaps while too many arrivals wait behind them.
+void StreamReceiver::advance() {
+    while (!receiving_buffers.empty() && (slidingWindow[slidingWindowPosition] || tooManyWait())) {
+        consume(kAllPositions, Completion::ByPackets);
+    }
+}
+
+bool StreamReceiver::tooManyWait() const {
+    return static_cast<double>(slidingWindowSize) * missingPacketsSlidingWindowFillThreshold <
+           slidingWindowNumberOfPackets;
+}
+
+void StreamReceiver::finishTransfersIfNeeded() {
+    if (packet_received_flag.exchange(false)) return;
+    const std::lock_guard lock(onrcv_mutex);
+    finishTransfers();
+}
+
+void StreamReceiver::finishTransfers() {
+    while (!receiving_buffers.empty())
+        consume(kAllPositions, Completion::Forced);
+}
+
+// Consumes the window position, or, when nothing waits in the window, up to positions_max of the
+// first image at once: a packet count of 65535 must not cost as many steps. Returns how many.
+// There must be an image under reception.
+uint32_t StreamReceiver::consume(uint32_t positions_max, Completion how) {
+    const BufferInfo& front = receiving_buffers.front().first;
+    uint32_t positions = 1;
+    if (positions_set == 0) {
+        positions =
+            std::min(positions_max, front.allPacketsAmount - slidingWindowPositionPacketNumber);
+        writeOff(positions);
+    } else if (slidingWindow[slidingWindowPosition]) {
+        slidingWindow[slidingWindowPosition] = false;
+        --positions_set;
+        --slidingWindowNumberOfPackets;
+    } else {
+        writeOff(1);
+    }
+    // Where an empty window begins makes no difference.
+    if (++slidingWindowPosition == slidingWindowSize) slidingWindowPosition = 0;
+    slidingWindowPositionPacketNumber += positions;
+    tooNewPackets = 0;
+    if (slidingWindowPositionPacketNumber >= front.allPacketsAmount) completeFront(how);
+    return positions;
+}
+
+void StreamReceiver::writeOff(uint32_t packets) {
+    auto& [image, metadata] = receiving_buffers.front();
+    const uint64_t bytes = uint64_t{packets} * metadata.payloadLength;
+    streamStatistics.missingPackets += packets;
+    streamStatistics.bytesLost += bytes;
+    image.bufferStatistics.errorFlag = 1;
+    image.bufferStatistics.missingPackets =
+        static_cast<UINT16>(image.bufferStatistics.missingPackets + packets);
+    image.bufferStatistics.bytesLost += static_cast<UINT32>(bytes);
+}
+
+void StreamReceiver::completeFront(Completion how) {
+    const BufferInfo& image = receiving_buffers.front().first;
+    finish(image);
+    if (how == Completion::Forced) {
+        kelo::Log("Image %d completed (forcefully by timer - no new packets arrived).\n",
+                  static_cast<int>(image.imageNumber));
+    }
+    receiving_buffers.erase(receiving_buffers.begin());
+
+    ++slidingWindowPositionImageNumber;
+    slidingWindowPositionPacketNumber = 0;
+    if (receiving_buffers.empty()) return;
+    const uint32_t next = receiving_buffers.front().first.imageNumber;
+    streamStatistics.imagesSkipped += next - slidingWindowPositionImageNumber;
+    slidingWindowPositionImageNumber = next;
+}

@@ -1,0 +1,127 @@
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "FinishedImageQueue.h"
+#include "img_common.h"
+
+// Puts the datagrams of one camera's stream together into whole images.
+//
+// Passive: it has no socket, thread or clock. Datagrams come in by OnRcv, the passing of time by
+// finishTransfersIfNeeded, and completed images leave through the queue. Any thread may call; each
+// call holds onrcv_mutex for its whole work.
+//
+// The packets of all images under reception, laid end to end, form one line of positions. The
+// window position is the next one to be consumed, and always lies in the first image under
+// reception. A circular map tells which of the 2048 positions from there on have been received;
+// what lies farther away is "too new". A position is consumed when its packet has come, or is
+// written off as lost; an image whose last position is consumed is complete.
+//
+// Invariants, whenever onrcv_mutex is free:
+//  1. With images under reception, the first one's number is slidingWindowPositionImageNumber and
+//     slidingWindowPositionPacketNumber is below its packet count.
+//  2. Every position that is set in the window lies within an image under reception.
+//  3. There are at most kReceivingImagesMax images under reception.
+class StreamReceiver : public FinishedImageQueue {
+public:
+    // ip in host order.
+    StreamReceiver(uint32_t ip, uint8_t stream_number);
+
+    // (Re)starts reception: completes the images under reception and waits for the packet that sets
+    // the window position. Statistics and finished images stay.
+    void InitStream(uint8_t streamFormat, uint8_t headerFormat, uint32_t headerSize,
+                    uint32_t maxFrameSize);
+
+    // One datagram that is longer than the image header and begins with its magic number.
+    void OnRcv(uint32_t ip, const void* data, int size, uint16_t port);
+
+    // The tick: completes all images under reception if no packet came since the last tick.
+    void finishTransfersIfNeeded();
+
+    const uint32_t ip_address;
+    const uint8_t stream_number;
+
+private:
+    struct ReceivingBufferMetadata {
+        uint32_t payloadLength;     // payload bytes per packet that are assumed for placing
+        bool payloadLengthCorrect;  // taken from a packet that is not the image's last
+    };
+    using ReceivingBuffer = std::pair<BufferInfo, ReceivingBufferMetadata>;
+
+    // A datagram with its header in host order.
+    struct Packet {
+        uint32_t image_number;
+        uint16_t number;
+        uint16_t count;
+        uint16_t width;
+        uint16_t height;
+        const unsigned char* payload;
+        uint32_t payload_length;
+    };
+
+    // An image under reception and how many positions the images before it take up.
+    struct Place {
+        size_t index;
+        uint32_t positions_before;
+    };
+
+    enum class Completion { ByPackets, Forced };
+
+    // With so many images under reception the oldest one is completed before another begins. A
+    // camera that numbers its packets properly stays below 420: more than 409 arrivals behind a gap
+    // close it. Only packets that are never recorded in the window (out of their image's range, or
+    // too new) could make more, and each takes a whole frame of memory.
+    static constexpr size_t kReceivingImagesMax = 512;
+    static constexpr uint32_t kAllPositions = UINT32_MAX;
+
+    static Packet parse(const void* data, int size);
+
+    void receive(const Packet& packet);
+    std::optional<Place> find(uint32_t image_number) const;
+    std::optional<Place> begin(const Packet& packet);
+    void initializeBufferInfo(BufferInfo& image, const Packet& packet) const;
+    void refuse(uint32_t image_number);
+    bool isRefused(uint32_t image_number) const;
+    bool isPacketNumberValid(const Packet& packet, uint16_t all_packets) const;
+    bool recover(uint32_t distance);
+    void placePayload(const Packet& packet, ReceivingBuffer& receiving);
+    void record(uint32_t distance);
+    void advance();
+    bool tooManyWait() const;
+    void finishTransfers();
+    uint32_t consume(uint32_t positions_max, Completion how);
+    void writeOff(uint32_t packets);
+    void completeFront(Completion how);
+
+    // Tuning values.
+    const size_t slidingWindowSize = 2048;
+    const double missingPacketsSlidingWindowFillThreshold = 0.2;
+    const int tooNewPacketsSlidingWindowFillThresholdCount = 5;
+
+    // Guarded by onrcv_mutex.
+    std::vector<ReceivingBuffer> receiving_buffers;  // in the order of their first packets
+    std::vector<bool> slidingWindow;                 // circular: received and not yet consumed
+    size_t slidingWindowPosition = 0;                // index of the window position's entry
+    size_t positions_set = 0;                        // entries of slidingWindow that are set
+    bool initializeOnNextPacket = false;
+    uint32_t slidingWindowPositionImageNumber = 0;
+    uint32_t slidingWindowPositionPacketNumber = 0;
+    int slidingWindowNumberOfPackets = 0;  // arrivals, so a duplicate counts twice: it stays above
+                                           // positions_set from then on
+    uint32_t tooNewPackets = 0;            // since the window last moved
+    uint8_t streamFormat = 0;
+    uint8_t headerFormat = 0;
+    uint32_t headerSize = 0;
+    uint32_t maxFrameSize = 0;
+    // The last images that no buffer could be had for, so that each is logged once only.
+    std::array<std::optional<uint32_t>, 4> refused_images;
+    size_t next_refused = 0;
+
+    std::atomic<bool> packet_received_flag{false};
+};

@@ -1,0 +1,169 @@
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <utility>
+#include <vector>
+
+#include "IImageStreamReceiver.h"
+
+// What the two kinds of receiver share: the list of their per-stream receivers, and the way from
+// (camera, stream) to a stream's queue of finished images.
+//
+// A stream is held by the list and by each call that works on it, so it outlives its removal until
+// the last such call has left. mutex_streams guards the lists only: it is never held during a call
+// that waits, and no stream is destroyed under it.
+template <typename Receiver>
+class StreamReceiverFront : public IImageStreamReceiver {
+public:
+    void ExitCamera(uint32_t ip) override {
+        std::vector<StreamPtr> removed;
+        {
+            const std::lock_guard lock(mutex_streams);
+            const auto first_removed = std::stable_partition(
+                streams.begin(), streams.end(),
+                [=](const StreamPtr& stream) { return stream->ip_address != ip; });
+            removed.assign(first_removed, streams.end());
+            streams.erase(first_removed, streams.end());
+        }
+        // Who waits for an image still holds the stream, and none will come any more.
+        for (const StreamPtr& stream : removed)
+            stream->EndWaits();
+    }
+
+    uint32_t GetPendingCount(uint32_t ip, uint8_t number) override {
+        const StreamPtr stream = findStream(ip, number);
+        return stream ? stream->GetPendingCount() : 0;
+    }
+
+    bool PopImage(uint32_t ip, uint8_t number, BufferInfo* image) override {
+        // The memory of an image whose stream is gone went with it: nothing is left to be done.
+        const StreamPtr stream = findStream(ip, number);
+        return stream ? stream->PopImage(image) : true;
+    }
+
+    BufferInfo* GetImage(int timeout, uint32_t ip, uint8_t number) override {
+        StreamPtr stream;
+        {
+            const std::lock_guard lock(mutex_streams);
+            stream = findLocked(ip, number);
+            if (isClosing(ip)) timeout = 0;
+        }
+        return stream ? stream->GetImage(timeout) : nullptr;
+    }
+
+    void ClearBuffer(uint32_t ip, uint8_t number) override {
+        if (const StreamPtr stream = findStream(ip, number)) stream->ClearBuffer();
+    }
+
+    void ResetStatistics(uint32_t ip) override {
+        std::vector<StreamPtr> of_camera;
+        {
+            const std::lock_guard lock(mutex_streams);
+            std::copy_if(streams.begin(), streams.end(), std::back_inserter(of_camera),
+                         [=](const StreamPtr& stream) { return stream->ip_address == ip; });
+        }
+        for (const StreamPtr& stream : of_camera)
+            stream->ResetStatistics();
+    }
+
+    bool IsBufferEmpty(uint32_t ip, uint8_t number) override {
+        const StreamPtr stream = findStream(ip, number);
+        return stream ? stream->IsBufferEmpty() : true;
+    }
+
+    void BeginClosing(uint32_t ip) override {
+        const std::lock_guard lock(mutex_streams);
+        closing.insert(ip);
+        endWaits([=](const Receiver& stream) { return stream.ip_address == ip; });
+    }
+
+    void EndClosing(uint32_t ip) override {
+        const std::lock_guard lock(mutex_streams);
+        // One of them: a camera may be closed by two threads.
+        if (const auto one = closing.find(ip); one != closing.end()) closing.erase(one);
+    }
+
+    void EndAllWaits() override {
+        const std::lock_guard lock(mutex_streams);
+        closing_all = true;
+        endWaits([](const Receiver&) { return true; });
+    }
+
+protected:
+    using StreamPtr = std::shared_ptr<Receiver>;
+
+    StreamPtr findStream(uint32_t ip, uint8_t number) {
+        const std::lock_guard lock(mutex_streams);
+        return findLocked(ip, number);
+    }
+
+    // Runs start(stream) without a lock, on the stream of that number or on a new one, which is
+    // listed when it has started. Closing ends the waits also of a stream that is starting; such a
+    // stream is not listed any more, as nobody would remove it.
+    template <typename Start>
+    void startStream(uint32_t ip, uint8_t number, const Start& start) {
+        if (const StreamPtr known = findStream(ip, number)) {
+            start(*known);
+            return;
+        }
+        const auto made = std::make_shared<Receiver>(ip, number);
+        const Starting starting_now(*this, made);
+        start(*made);
+        const std::lock_guard lock(mutex_streams);
+        if (!made->WaitsEnded() && findLocked(ip, number) == nullptr) streams.push_back(made);
+    }
+
+    std::mutex mutex_streams;
+    std::vector<StreamPtr> streams;  // guarded by mutex_streams; in creation order
+
+private:
+    // Keeps a stream among those that are starting, for its own lifetime.
+    class Starting {
+    public:
+        Starting(StreamReceiverFront& front, StreamPtr stream)
+            : front_(front), stream_(std::move(stream)) {
+            const std::lock_guard lock(front_.mutex_streams);
+            front_.starting.push_back(stream_);
+            if (front_.isClosing(stream_->ip_address)) stream_->EndWaits();
+        }
+        ~Starting() {
+            const std::lock_guard lock(front_.mutex_streams);
+            std::erase(front_.starting, stream_);
+        }
+        Starting(const Starting&) = delete;
+        Starting& operator=(const Starting&) = delete;
+
+    private:
+        StreamReceiverFront& front_;
+        const StreamPtr stream_;
+    };
+
+    // The rest: with mutex_streams held.
+    StreamPtr findLocked(uint32_t ip, uint8_t number) const {
+        const auto stream =
+            std::find_if(streams.begin(), streams.end(), [=](const StreamPtr& candidate) {
+                return candidate->ip_address == ip && candidate->stream_number == number;
+            });
+        return stream != streams.end() ? *stream : nullptr;
+    }
+
+    bool isClosing(uint32_t ip) const { return closing_all || closing.count(ip) != 0; }
+
+    template <typename Predicate>
+    void endWaits(const Predicate& matches) {
+        for (const auto* list : {&streams, &starting}) {
+            for (const StreamPtr& stream : *list) {
+                if (matches(*stream)) stream->EndWaits();
+            }
+        }
+    }
+
+    // Guarded by mutex_streams.
+    std::vector<StreamPtr> starting;
+    std::multiset<uint32_t> closing;
+    bool closing_all = false;
+};

@@ -4,12 +4,14 @@
 
 namespace {
 
-// The table of the reflected CRC-32 polynomial 0xEDB88320 (IEEE 802.3, least significant bit first).
+// The table of the reflected CRC-32 polynomial 0xEDB88320 (IEEE 802.3, least significant bit
+// first).
 constexpr std::array<uint32_t, 256> MakeCrc32Table() {
     std::array<uint32_t, 256> table{};
     for (uint32_t index = 0; index < table.size(); ++index) {
         uint32_t value = index;
-        for (int bit = 0; bit < 8; ++bit) value = (value & 1) != 0 ? (value >> 1) ^ 0xEDB88320u : value >> 1;
+        for (int bit = 0; bit < 8; ++bit)
+            value = (value & 1) != 0 ? (value >> 1) ^ 0xEDB88320u : value >> 1;
         table[index] = value;
     }
     return table;
@@ -23,7 +25,8 @@ constexpr uint16_t kCrc16Polynomial = 0x8005;
 }  // namespace
 
 uint32_t kelo_crc32(uint32_t crc, const uint8_t* buf, uint32_t len) {
-    for (uint32_t i = 0; i < len; ++i) crc = kCrc32Table[(crc ^ buf[i]) & 0xFF] ^ (crc >> 8);
+    for (uint32_t i = 0; i < len; ++i)
+        crc = kCrc32Table[(crc ^ buf[i]) & 0xFF] ^ (crc >> 8);
     return crc;
 }
 

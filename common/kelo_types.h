@@ -28,16 +28,16 @@ typedef struct _StreamStatistics {
 
 /* One image. Its address is its identity from the moment it is handed out until it is popped. */
 typedef struct _BufferInfo {
-    UINT8 streamNumber;       /* stream of the camera that it came from */
-    UINT8 streamFormat;       /* the stream's format register, low 8 bits; 0x24: run-length coded */
-    UINT8 headerType;         /* the stream's header format register, low 8 bits */
-    UINT8 headerSize;         /* bytes of image header in front of the pixels, low 8 bits */
-    UINT16 imageWidth;        /* pixels */
-    UINT16 imageHeight;       /* pixels */
-    UINT16 allPacketsAmount;  /* packets that the image was sent in */
-    UINT32 imageNumber;       /* the camera's sequence number; wraps */
-    UINT32 bufferLength;      /* bytes of memory at buffer */
-    UINT64 buffer;            /* address of the image data; belongs to the library */
+    UINT8 streamNumber;      /* stream of the camera that it came from */
+    UINT8 streamFormat;      /* the stream's format register, low 8 bits; 0x24: run-length coded */
+    UINT8 headerType;        /* the stream's header format register, low 8 bits */
+    UINT8 headerSize;        /* bytes of image header in front of the pixels, low 8 bits */
+    UINT16 imageWidth;       /* pixels */
+    UINT16 imageHeight;      /* pixels */
+    UINT16 allPacketsAmount; /* packets that the image was sent in */
+    UINT32 imageNumber;      /* the camera's sequence number; wraps */
+    UINT32 bufferLength;     /* bytes of memory at buffer */
+    UINT64 buffer;           /* address of the image data; belongs to the library */
     BufferStatistics bufferStatistics;
     StreamStatistics streamStatistics; /* the stream's counters when this image was completed */
 } BufferInfo;

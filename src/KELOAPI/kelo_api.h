@@ -118,10 +118,8 @@ KELO_API KELO_API_STATUS keloGetRegisterInt(CAM_HANDLE camera_id, uint32_t addre
                                             uint32_t* value);
 KELO_API KELO_API_STATUS keloSetRegisterInt(CAM_HANDLE camera_id, uint32_t address,
                                             uint32_t* value);
-KELO_API KELO_API_STATUS keloGetRegisterFloat(CAM_HANDLE camera_id, uint32_t address,
-                                              float* value);
-KELO_API KELO_API_STATUS keloSetRegisterFloat(CAM_HANDLE camera_id, uint32_t address,
-                                              float* value);
+KELO_API KELO_API_STATUS keloGetRegisterFloat(CAM_HANDLE camera_id, uint32_t address, float* value);
+KELO_API KELO_API_STATUS keloSetRegisterFloat(CAM_HANDLE camera_id, uint32_t address, float* value);
 
 /* Writes *count (at most 128) registers from start_address on; stores the count that the camera
  * wrote. */

@@ -1,1 +1,66 @@
-#include "kelo_api.h"
+#include "library.h"
+
+#include <chrono>
+#include <mutex>
+#include <thread>
+
+namespace kelo {
+namespace {
+
+// How long a release waits for calls that are still inside. The application promises that there are
+// none; a wait for an image, which a release ends, takes a moment to return. A call that takes
+// longer keeps the manager until it returns, and destroys it then.
+constexpr auto kLeaveTimeMax = std::chrono::milliseconds(250);
+constexpr auto kLeavePoll = std::chrono::microseconds(200);
+
+struct State {
+    std::mutex mutex;
+    std::shared_ptr<KELOManager> manager;  // guarded by mutex
+};
+
+// Never destroyed: threads of the application may still call while the process exits.
+State& TheState() {
+    static auto* const state = new State;
+    return *state;
+}
+
+void WaitForCallsToLeave(const std::shared_ptr<KELOManager>& manager) {
+    const auto deadline = std::chrono::steady_clock::now() + kLeaveTimeMax;
+    while (manager.use_count() > 1 && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(kLeavePoll);
+    }
+}
+
+}  // namespace
+
+std::shared_ptr<KELOManager> CurrentManager() {
+    State& state = TheState();
+    const std::lock_guard lock(state.mutex);
+    return state.manager;
+}
+
+void CreateManager() {
+    State& state = TheState();
+    const std::lock_guard lock(state.mutex);
+    if (state.manager == nullptr) state.manager = std::make_shared<KELOManager>();
+}
+
+void DestroyManager() {
+    State& state = TheState();
+    std::shared_ptr<KELOManager> manager;
+    {
+        const std::lock_guard lock(state.mutex);
+        manager.swap(state.manager);
+    }
+    if (manager == nullptr) return;
+    manager->BeginRelease();
+    if (manager->IsCallbackThread()) {
+        // Called by a close callback: the manager waits for this very thread to end, so another one
+        // has to take it down.
+        std::thread([last = std::move(manager)]() mutable { last.reset(); }).detach();
+        return;
+    }
+    WaitForCallsToLeave(manager);
+}
+
+}  // namespace kelo

@@ -1,13 +1,13 @@
 #include "log_capture.h"
 
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <sstream>
 #include <stdexcept>
+
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace kelo::test {
 
@@ -43,8 +43,8 @@ std::vector<std::string> LogCapture::Lines() const {
     std::istringstream text(Text());
     for (std::string line; std::getline(text, line);) {
         const size_t digits = line.find_first_not_of("0123456789");
-        const bool numbered = digits != std::string::npos && digits > 0 &&
-                              line.compare(digits, 2, ": ") == 0;
+        const bool numbered =
+            digits != std::string::npos && digits > 0 && line.compare(digits, 2, ": ") == 0;
         lines.push_back(numbered ? line.substr(digits + 2) : line);
     }
     return lines;

@@ -1,21 +1,23 @@
 #include "network_namespace.h"
 
-#include <fcntl.h>
-#include <sched.h>
-#include <sys/file.h>
-#include <unistd.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <stdexcept>
+
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/file.h>
+#include <unistd.h>
 
 namespace kelo::test {
 namespace {
 
 bool in_private_network = false;
 
-void WriteFile(const char* path, const std::string& text) { std::ofstream(path) << text; }
+void WriteFile(const char* path, const std::string& text) {
+    std::ofstream(path) << text;
+}
 
 bool Unshare() {
     if (unshare(CLONE_NEWNET) == 0) return true;
@@ -46,7 +48,9 @@ bool EnterPrivateNetwork() {
     return in_private_network;
 }
 
-bool InPrivateNetwork() { return in_private_network; }
+bool InPrivateNetwork() {
+    return in_private_network;
+}
 
 void Ip(const std::string& arguments) {
     if (!in_private_network) throw std::logic_error("refused: ip " + arguments);

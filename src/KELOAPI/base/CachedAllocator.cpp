@@ -71,7 +71,8 @@ void CachedAllocator::free_unused() {
     const std::lock_guard lock(mutex);
     for (auto& bin : allocations) {
         const auto first_free = std::stable_partition(bin.begin(), bin.end(), is_used);
-        std::for_each(first_free, bin.end(), [](TaggedAddress tagged) { delete[] get_ptr(tagged); });
+        std::for_each(first_free, bin.end(),
+                      [](TaggedAddress tagged) { delete[] get_ptr(tagged); });
         bin.erase(first_free, bin.end());
     }
 }

@@ -2,7 +2,9 @@
 
 #include "utils.h"
 
-Timer::~Timer() { stop(); }
+Timer::~Timer() {
+    stop();
+}
 
 void Timer::start(const std::chrono::milliseconds& interval, const std::function<void()>& fn) {
     stop();

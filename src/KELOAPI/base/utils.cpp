@@ -1,14 +1,14 @@
 #include "utils.h"
 
-#include <execinfo.h>
-#include <pthread.h>
-#include <sys/time.h>
-#include <unistd.h>
-
 #include <array>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+
+#include <execinfo.h>
+#include <pthread.h>
+#include <sys/time.h>
+#include <unistd.h>
 
 std::atomic<bool> log_enable{true};
 std::atomic<int> alog_counter{0};
@@ -33,7 +33,9 @@ void print_backtrace() {
 
 namespace kelo {
 
-void Logging(bool enable) { log_enable = enable; }
+void Logging(bool enable) {
+    log_enable = enable;
+}
 
 void Log(const char* format, ...) {
     if (amark_was_here.exchange(0) != 0) fputc('\n', stderr);
@@ -51,12 +53,16 @@ void Log(const char* format, ...) {
     fflush(stdout);
 }
 
-void ShowMessage(StrArg title, StrArg text) { Log("%s: %s\n", title.c_str(), text.c_str()); }
+void ShowMessage(StrArg title, StrArg text) {
+    Log("%s: %s\n", title.c_str(), text.c_str());
+}
 
 void Sleep(int ms) {
     if (ms > 0) usleep(static_cast<useconds_t>(ms) * 1000);
 }
 
-void NameThisThread(const char* name) { pthread_setname_np(pthread_self(), name); }
+void NameThisThread(const char* name) {
+    pthread_setname_np(pthread_self(), name);
+}
 
 }  // namespace kelo

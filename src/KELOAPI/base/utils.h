@@ -27,10 +27,18 @@ uint64_t vc_get_time_msec();
 void print_backtrace();
 
 // Unconditional byte swaps between the wire (big-endian) and the host (little-endian).
-constexpr unsigned int kelo_ntohl(unsigned int value) { return __builtin_bswap32(value); }
-constexpr unsigned int kelo_htonl(unsigned int value) { return __builtin_bswap32(value); }
-constexpr unsigned short kelo_ntohs(unsigned short value) { return __builtin_bswap16(value); }
-constexpr unsigned short kelo_htons(unsigned short value) { return kelo_ntohs(value); }
+constexpr unsigned int kelo_ntohl(unsigned int value) {
+    return __builtin_bswap32(value);
+}
+constexpr unsigned int kelo_htonl(unsigned int value) {
+    return __builtin_bswap32(value);
+}
+constexpr unsigned short kelo_ntohs(unsigned short value) {
+    return __builtin_bswap16(value);
+}
+constexpr unsigned short kelo_htons(unsigned short value) {
+    return kelo_ntohs(value);
+}
 
 namespace kelo {
 

@@ -1,8 +1,8 @@
 #pragma once
 
-#include <unistd.h>
-
 #include <utility>
+
+#include <unistd.h>
 
 // Owns one file descriptor; -1 when it has none.
 class FileDescriptor {

@@ -1,13 +1,13 @@
 #include "NetworkInterfaces.h"
 
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
 #include <arpa/inet.h>
 #include <ifaddrs.h>
 #include <net/if.h>
 #include <netinet/in.h>
-
-#include <cstdio>
-#include <cstring>
-#include <memory>
 
 #include "utils.h"
 

@@ -1,10 +1,10 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <atomic>
 #include <cstdint>
 #include <memory>
+
+#include <sys/types.h>
 
 class TPacketCommunicator;
 

@@ -116,7 +116,18 @@ bool TPacketCommunicatorUDPSocket::ReceiveWaitingDatagrams(std::vector<std::byte
                 "false, recvfrom socket failed.\n");
             return true;
         }
-        Receiver->OnRcv(this, sender_ip, buffer.data(), static_cast<int>(count), actual_port);
+        Deliver(sender_ip, buffer.data(), static_cast<int>(count));
     }
     return false;
+}
+
+// What a datagram makes a receiver throw, for want of memory, costs that datagram and not the
+// process.
+void TPacketCommunicatorUDPSocket::Deliver(uint32_t sender_ip, const void* data, int length) {
+    try {
+        Receiver->OnRcv(this, sender_ip, data, length, actual_port);
+    } catch (const std::exception& exception) {
+        kelo::Log("TPacketCommunicatorUDPSocket::RxThreadFunc :: datagram dropped: %s\n",
+                  exception.what());
+    }
 }

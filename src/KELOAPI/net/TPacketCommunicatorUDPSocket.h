@@ -17,7 +17,8 @@ public:
     enum TUDPStatus { UDPST_OK = 0, UDPST_ERROR = 1, UDPST_BAD_PORT = 2 };
 
     // Opens the socket but starts no thread. ip 0 is any address, port 0 lets the system choose.
-    // Longer datagrams are cut to maxPacketSize. receiveBufferSize, if not 0, is asked of the kernel.
+    // Longer datagrams are cut to maxPacketSize. receiveBufferSize, if not 0, is asked of the
+    // kernel.
     TPacketCommunicatorUDPSocket(IPacketReceiver* receiver, int port, int maxPacketSize,
                                  uint32_t ip, int receiveBufferSize = 0);
     ~TPacketCommunicatorUDPSocket() override;
@@ -42,6 +43,7 @@ private:
     void RxThreadFunc();
     // False when a stop is wanted.
     bool ReceiveWaitingDatagrams(std::vector<std::byte>& buffer);
+    void Deliver(uint32_t sender_ip, const void* data, int length);
 
     const int MaxPacketSize;
     const uint32_t bind_ip;

@@ -1,12 +1,12 @@
 #include "UDPSocket.h"
 
+#include <cerrno>
+#include <cstdio>
+
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
-
-#include <cerrno>
-#include <cstdio>
 
 namespace {
 
@@ -22,7 +22,9 @@ const sockaddr* Generic(const sockaddr_in& address) {
     return reinterpret_cast<const sockaddr*>(&address);
 }
 
-sockaddr* Generic(sockaddr_in& address) { return reinterpret_cast<sockaddr*>(&address); }
+sockaddr* Generic(sockaddr_in& address) {
+    return reinterpret_cast<sockaddr*>(&address);
+}
 
 }  // namespace
 
@@ -100,7 +102,9 @@ ssize_t UDPSocket::sendBroadcast(const void* data, size_t length, uint16_t port)
     return sendto(data, length, INADDR_BROADCAST, port);
 }
 
-ssize_t UDPSocket::sendmsg(const msghdr* message) { return ::sendmsg(fd.Get(), message, 0); }
+ssize_t UDPSocket::sendmsg(const msghdr* message) {
+    return ::sendmsg(fd.Get(), message, 0);
+}
 
 ssize_t UDPSocket::receive(void* buf, size_t len, uint32_t* ip, uint16_t* port) {
     return receiveWithFlags(buf, len, ip, port, 0);

@@ -1,10 +1,10 @@
 #pragma once
 
-#include <sys/socket.h>
-#include <sys/types.h>
-
 #include <cstddef>
 #include <cstdint>
+
+#include <sys/socket.h>
+#include <sys/types.h>
 
 #include "FileDescriptor.h"
 #include "NetworkInterfaces.h"
@@ -35,8 +35,8 @@ public:
     int getBufferSize();
     void setBufferSize(int size);
 
-    // Asks for a receive buffer of that many bytes, beyond the system's limit where the process may;
-    // silently takes what it gets.
+    // Asks for a receive buffer of that many bytes, beyond the system's limit where the process
+    // may; silently takes what it gets.
     void requestReceiveBuffer(int size);
 
     // All return the system's result: bytes or -1 with errno.

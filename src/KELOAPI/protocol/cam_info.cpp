@@ -36,7 +36,7 @@ CAM_HANDLE camhandleFromCamInfo(const CAM_INFO& info) {
     const uint64_t mac_first_16 = mac[0] | uint64_t{mac[1]} << 8;
     const uint64_t mac_last_32 =
         mac[2] | uint64_t{mac[3]} << 8 | uint64_t{mac[4]} << 16 | uint64_t{mac[5]} << 24;
-    const uint64_t numbers = uint64_t{info.camera_subnet} * 2 ^ uint64_t{info.camera_ip} ^
+    const uint64_t numbers = uint64_t{info.camera_subnet} * 2 ^ uint64_t { info.camera_ip } ^
                              mac_last_32 * 4 ^ mac_first_16 * 8;
     const uint64_t hash = description_hash ^ numbers;
     return static_cast<CAM_HANDLE>(hash ^ hash >> 32);

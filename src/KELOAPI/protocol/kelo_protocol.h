@@ -120,10 +120,10 @@ typedef struct vc_writememory_reply {
 
 // In front of every message of a TCP image stream.
 typedef struct kelo_tcp_stream_packet_header {
-    uint8_t magicNumber;   // 0xAC
+    uint8_t magicNumber;  // 0xAC
     uint8_t streamNumber;
-    uint32_t type;         // TCP_MESSAGE_TYPE
-    uint32_t size;         // bytes that follow this header
+    uint32_t type;  // TCP_MESSAGE_TYPE
+    uint32_t size;  // bytes that follow this header
 } TTcpStreamPacketHeader;
 
 #pragma pack(pop)
@@ -148,7 +148,8 @@ static_assert(offsetof(TSetIPCommand, NL_camera_current_ip) == 22);
 static_assert(offsetof(TSetIPCommand, NL_camera_new_ip) == 26);
 static_assert(offsetof(TSetIPCommand, NL_camera_new_subnet) == 30);
 static_assert(sizeof(TRegReadPacket) == 22 && sizeof(TRegWritePacket) == 22);
-static_assert(offsetof(TRegReadPacket, NL_address) == 14 && offsetof(TRegReadPacket, NL_value) == 18);
+static_assert(offsetof(TRegReadPacket, NL_address) == 14 &&
+              offsetof(TRegReadPacket, NL_value) == 18);
 static_assert(offsetof(TRegWritePacket, NL_address) == 14);
 static_assert(offsetof(TRegWritePacket, NL_value) == 18);
 static_assert(sizeof(TMemReadCommand) == 22 && sizeof(TMemWriteReply) == 22);

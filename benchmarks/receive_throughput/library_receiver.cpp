@@ -21,7 +21,7 @@ public:
     RunResult Run(Peer& peer, uint32_t images, double bytes_per_second) override;
 
 private:
-    static void Count(const BufferInfo& image, RunResult& result);
+    static void Count(IMAGE_BUFFER_HANDLE handle, RunResult& result);
 
     LibraryCamera camera_;
     uint32_t next_image_ = 0;
@@ -45,7 +45,7 @@ RunResult LibraryReceiver::Run(Peer& peer, uint32_t images, double bytes_per_sec
             sent = peer.Done();
             continue;
         }
-        Count(*static_cast<const BufferInfo*>(handle), result);
+        Count(handle, result);
         const bool last = keloGetImageNumber(handle) + 1 == end;
         keloPopImage(camera_.Handle(), 0, handle);
         result.seconds = Now() - start;
@@ -57,13 +57,14 @@ RunResult LibraryReceiver::Run(Peer& peer, uint32_t images, double bytes_per_sec
     return result;
 }
 
-void LibraryReceiver::Count(const BufferInfo& image, RunResult& result) {
+void LibraryReceiver::Count(IMAGE_BUFFER_HANDLE handle, RunResult& result) {
+    const auto& image = *static_cast<const BufferInfo*>(handle);
     const BufferStatistics& statistics = image.bufferStatistics;
     result.bytes += statistics.bytesReceived;
     result.datagrams += static_cast<uint64_t>(image.allPacketsAmount - statistics.missingPackets);
     if (statistics.errorFlag != 0) return;
     ++result.whole_images;
-    const auto* data = reinterpret_cast<const std::byte*>(static_cast<uintptr_t>(image.buffer));
+    const auto* data = reinterpret_cast<const std::byte*>(keloGetImageData(handle));
     if (statistics.bytesReceived != IMAGE_SIZE || Get32(data) != image.imageNumber) {
         throw std::runtime_error("the library delivered a wrong image");
     }

@@ -98,6 +98,7 @@ bool Disturbed(const Round& round) {
 template <typename Value>
 Spread SpreadOver(const std::vector<Round>& rounds, Value value) {
     std::vector<double> values;
+    values.reserve(rounds.size());
     for (const Round& round : rounds)
         values.push_back(value(round));
     return SpreadOf(values);

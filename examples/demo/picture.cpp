@@ -11,7 +11,7 @@ uint8_t Mean(const Picture& picture, uint32_t left, uint32_t top, uint32_t right
         for (uint32_t x = left; x < right; ++x)
             sum += picture.pixels[y * picture.width + x];
     }
-    return static_cast<uint8_t>(sum / ((right - left) * (bottom - top)));
+    return static_cast<uint8_t>(sum / std::max(1U, (right - left) * (bottom - top)));
 }
 
 void Paste(const Picture& picture, Picture& sheet, uint32_t left, uint32_t top) {
@@ -41,6 +41,7 @@ Picture ContactSheet(const std::vector<Picture>& pictures, uint32_t columns, uin
     constexpr uint32_t GAP = 8;
     constexpr uint8_t PAPER = 255;
     std::vector<Picture> small;
+    small.reserve(pictures.size());
     for (const Picture& picture : pictures)
         small.push_back(ScaledDown(picture, width));
     uint32_t row_height = 0;

@@ -1,0 +1,67 @@
+#include "TcpConnection.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstddef>
+#include <cstring>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+namespace {
+
+// How soon a connection attempt that is no longer wanted is noticed.
+constexpr int kWantedCheckMs = 10;
+
+// Whether the socket, whose connecting has ended, is connected.
+bool isConnected(int socket) {
+    int error = 0;
+    socklen_t length = sizeof(error);
+    return getsockopt(socket, SOL_SOCKET, SO_ERROR, &error, &length) == 0 && error == 0;
+}
+
+}  // namespace
+
+void gracefullyCloseTcpSocket(FileDescriptor socket) {
+    if (!socket.IsOpen()) return;
+    shutdown(socket.Get(), SHUT_RDWR);
+    std::array<std::byte, 65536> scratch;
+    while (recv(socket.Get(), scratch.data(), scratch.size(), MSG_DONTWAIT) >= 1) {
+    }
+}
+
+bool connectTcpSocket(const FileDescriptor& socket, uint32_t ip, uint16_t port, int limit_ms,
+                      const std::function<bool()>& is_wanted) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(ip);
+    address.sin_port = htons(port);
+    // Through void*: the socket interface takes every kind of address by this pointer type.
+    const void* untyped = &address;
+    if (connect(socket.Get(), static_cast<const sockaddr*>(untyped), sizeof(address)) == 0) {
+        return true;
+    }
+    if (errno != EINPROGRESS && errno != EINTR) return false;
+
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(limit_ms);
+    while (is_wanted() && std::chrono::steady_clock::now() < deadline) {
+        pollfd waited{socket.Get(), POLLOUT, 0};
+        const int ready = poll(&waited, 1, std::min(limit_ms, kWantedCheckMs));
+        if (ready > 0) return isConnected(socket.Get());
+        if (ready < 0 && errno != EINTR) return false;
+    }
+    return false;
+}
+
+std::string systemErrorText(int error) {
+    std::array<char, 128> text{};
+    return strerror_r(error, text.data(), text.size());
+}
+
+void TcpConnection::ShutDown() const {
+    if (IsOpen()) shutdown(socket_.Get(), SHUT_RDWR);
+}

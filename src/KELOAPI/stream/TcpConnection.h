@@ -1,0 +1,43 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <utility>
+
+#include "FileDescriptor.h"
+
+// Shuts the socket down in both directions, takes what has already arrived, and closes it: closing
+// with unread data would make the system throw away what the peer has not read yet.
+void gracefullyCloseTcpSocket(FileDescriptor socket);
+
+// Waits up to limit_ms for a TCP connection to ip:port (host order) and looks every 10 ms whether
+// it is still wanted. The socket is in non-blocking mode. Returns false with the socket in no
+// useful state.
+bool connectTcpSocket(const FileDescriptor& socket, uint32_t ip, uint16_t port, int limit_ms,
+                      const std::function<bool()>& is_wanted);
+
+// The system's text for an error number; any thread.
+std::string systemErrorText(int error);
+
+// Owns one connected socket and closes it gracefully.
+class TcpConnection {
+public:
+    TcpConnection() = default;
+    explicit TcpConnection(FileDescriptor socket) : socket_(std::move(socket)) {}
+    ~TcpConnection() { gracefullyCloseTcpSocket(std::move(socket_)); }
+    TcpConnection(TcpConnection&&) = default;
+    TcpConnection& operator=(TcpConnection&& other) noexcept {
+        std::swap(socket_, other.socket_);  // the other one closes what this one had
+        return *this;
+    }
+
+    int Get() const { return socket_.Get(); }
+    bool IsOpen() const { return socket_.IsOpen(); }
+
+    // Wakes who waits for data. What has already arrived can still be read, then the end follows.
+    void ShutDown() const;
+
+private:
+    FileDescriptor socket_;
+};

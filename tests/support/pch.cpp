@@ -1,1 +1,2 @@
-// The precompiled header needs one translation unit.
+// The precompiled header of the tests needs a program to belong to.
+int main() { return 0; }

@@ -1,0 +1,192 @@
+#include <chrono>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "fake_camera.h"
+#include "kelo_registers.h"
+#include "log_capture.h"
+#include "stream_mask.h"
+#include "wait_for.h"
+
+namespace kelo::test {
+namespace {
+
+using testing::ElementsAre;
+
+KELO_API_STATUS OnClosed(CAM_HANDLE) {
+    return KELO_STATUS_SUCCESS;
+}
+
+class Session : public testing::Test {
+protected:
+    Session() {
+        fake.registers[REG_HEARTBEAT_TIMEOUT] = 3000;
+        fake.registers[REG_MTU] = 1234;
+    }
+
+    LogCapture log;
+    FakeSession session;
+    FakeCamera& fake = *session.fake;
+    KELOCamera& camera = *session.camera;
+};
+
+TEST_F(Session, BeginsWithItsDefaults) {
+    EXPECT_FALSE(camera.IsOpened());
+    EXPECT_EQ(camera.camInfo()->video_port, 54321);
+    EXPECT_EQ(camera.GetIP(), 0x7F00000Bu);
+}
+
+TEST_F(Session, OpenClaimsTheCameraAndReadsItsHeartbeat) {
+    EXPECT_EQ(camera.Open(&OnClosed, false), KELO_STATUS_SUCCESS);
+    EXPECT_TRUE(camera.IsOpened());
+    const auto seen = fake.Requests();
+    EXPECT_EQ(seen.at(0).reg, uint32_t{REG_CAMERA_USED});
+    EXPECT_EQ(seen.at(0).value, 1u);
+    EXPECT_EQ(seen.at(1).reg, uint32_t{REG_HEARTBEAT_TIMEOUT});
+    EXPECT_EQ(seen.at(2).reg, uint32_t{REG_MTU});
+    EXPECT_EQ(seen.at(2).command, 4u);
+}
+
+struct PacketSizeCase {
+    uint32_t path;
+    uint32_t chosen;
+};
+
+class PacketSize : public Session, public testing::WithParamInterface<PacketSizeCase> {};
+
+TEST_P(PacketSize, IsTheLargestThatPasses) {
+    fake.largest_packet = GetParam().path;
+    EXPECT_EQ(camera.Open(nullptr, false), KELO_STATUS_SUCCESS);
+    EXPECT_EQ(fake.registers[REG_MTU], GetParam().chosen);
+    EXPECT_EQ(fake.Writes(REG_MTU).back(), GetParam().chosen);
+}
+
+INSTANTIATE_TEST_SUITE_P(Ladder, PacketSize,
+                         testing::Values(PacketSizeCase{1000, 1234}, PacketSizeCase{1500, 1500},
+                                         PacketSizeCase{4073, 1500}, PacketSizeCase{4074, 4074},
+                                         PacketSizeCase{8499, 4074}, PacketSizeCase{8500, 8500},
+                                         PacketSizeCase{9000, 9000}));
+
+TEST_F(Session, APacketSizeIsTriedTwiceAndTheLadderStopsAtTheFirstThatFails) {
+    fake.largest_packet = 1500;
+    EXPECT_EQ(camera.Open(nullptr, false), KELO_STATUS_SUCCESS);
+    std::vector<uint32_t> sizes;
+    for (const uint32_t value : fake.Writes(REG_MTU))
+        sizes.push_back(value & 0xFFFF);
+    EXPECT_THAT(sizes, ElementsAre(1500, 4074, 4074, 1500));
+}
+
+TEST_F(Session, ARefusedPacketSizeRequestIsNotTriedAgain) {
+    fake.statuses[REG_MTU] = {1, 2};  // the first read; the write for 1500
+    EXPECT_EQ(camera.Open(nullptr, false), KELO_STATUS_SUCCESS);
+    EXPECT_EQ(fake.CountWrites(REG_MTU), 2u);
+    EXPECT_EQ(fake.registers[REG_MTU], 1234u);
+}
+
+struct OpenFailure {
+    uint32_t reg;
+    std::deque<uint32_t> statuses;
+    bool stays_open;
+};
+
+class OpenFails : public Session, public testing::WithParamInterface<OpenFailure> {};
+
+TEST_P(OpenFails, WithAnError) {
+    fake.statuses[GetParam().reg] = GetParam().statuses;
+    fake.largest_packet = 0;
+    EXPECT_EQ(camera.Open(nullptr, false), KELO_STATUS_ERROR);
+    EXPECT_EQ(camera.IsOpened(), GetParam().stays_open);
+}
+
+INSTANTIATE_TEST_SUITE_P(AtEachRegister, OpenFails,
+                         testing::Values(OpenFailure{REG_CAMERA_USED, {2}, false},
+                                         OpenFailure{REG_HEARTBEAT_TIMEOUT, {3}, false},
+                                         OpenFailure{REG_MTU, {3}, true},
+                                         OpenFailure{REG_MTU, {1, 1, 1, 2}, true}));
+
+TEST_F(Session, CloseFreesTheCamera) {
+    camera.Open(nullptr, false);
+    fake.Forget();
+    EXPECT_EQ(camera.Close(), KELO_STATUS_SUCCESS);
+    EXPECT_FALSE(camera.IsOpened());
+    EXPECT_THAT(fake.Writes(REG_CAMERA_USED), ElementsAre(0));
+    EXPECT_EQ(log.Count("doClose(notify app == false) isOpened == true"), 1u);
+}
+
+TEST_F(Session, CloseOfAClosedSessionOnlyLogs) {
+    EXPECT_EQ(camera.Close(), KELO_STATUS_SUCCESS);
+    EXPECT_EQ(log.Count("doClose(notify app == false) isOpened == false"), 1u);
+    EXPECT_TRUE(fake.Requests().empty());
+}
+
+TEST_F(Session, KeepsTheCameraAliveWhenNothingElseIsAsked) {
+    fake.registers[REG_HEARTBEAT_TIMEOUT] = 600;
+    camera.Open(nullptr, false);
+    fake.Forget();
+    const auto begin = std::chrono::steady_clock::now();
+    ASSERT_TRUE(WaitFor([&] { return fake.Requests().size() >= 3; }));
+    // Every 200 ms of silence, looked at every 100 ms.
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(550));
+    for (const auto& request : fake.Requests()) {
+        EXPECT_EQ(request.command, 4u);
+        EXPECT_EQ(request.reg, uint32_t{REG_WIDTH});
+    }
+    EXPECT_TRUE(camera.IsOpened());
+}
+
+TEST_F(Session, ATimeoutOfZeroMeansNoSupervision) {
+    fake.registers[REG_HEARTBEAT_TIMEOUT] = 0;
+    camera.Open(nullptr, false);
+    fake.Forget();
+    fake.silent = true;
+    for (int i = 0; i < 5; ++i)
+        camera.HeartbeatRun();
+    EXPECT_TRUE(fake.Requests().empty());
+    EXPECT_TRUE(camera.IsOpened());
+}
+
+TEST_F(Session, AStoppedHeartbeatAsksNothing) {
+    fake.registers[REG_HEARTBEAT_TIMEOUT] = 1;
+    camera.Open(nullptr, false);
+    camera.HeartbeatStop();
+    // A tick that had begun before may still ask once.
+    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    fake.Forget();
+    for (int i = 0; i < 5; ++i)
+        camera.HeartbeatRun();
+    EXPECT_TRUE(fake.Requests().empty());
+}
+
+TEST_F(Session, ACameraThatStopsAnsweringIsClosed) {
+    fake.registers[REG_HEARTBEAT_TIMEOUT] = 300;
+    camera.Open(nullptr, false);
+    fake.silent = true;
+    ASSERT_TRUE(WaitFor([&] { return !camera.IsOpened(); }));
+    ASSERT_TRUE(WaitFor([&] { return log.ContainsPrefix("heartbeat missing, 0x0x"); }));
+    EXPECT_EQ(log.Count("KELOCamera::HeartbeatIsMissing()"), 1u);
+    EXPECT_EQ(log.Count("doClose(notify app == true) isOpened == true"), 1u);
+    fake.silent = false;
+}
+
+TEST(StreamMask, CountsUpToTheHighestOfBits1To7) {
+    EXPECT_EQ(StreamCountOfMask(0), 1);
+    EXPECT_EQ(StreamCountOfMask(1), 1);
+    EXPECT_EQ(StreamCountOfMask(2), 2);
+    EXPECT_EQ(StreamCountOfMask(0b101), 3);
+    EXPECT_EQ(StreamCountOfMask(0x80), 8);
+    EXPECT_EQ(StreamCountOfMask(0xFFFFFF00), 1);
+}
+
+TEST(SessionEnd, ASessionThatIsOpenIsClosedByItsDestruction) {
+    const LogCapture log;
+    FakeSession session;
+    session.fake->registers[REG_HEARTBEAT_TIMEOUT] = 3000;
+    session.camera->Open(nullptr, false);
+    session.fake->Forget();
+    session.camera.reset();
+    EXPECT_THAT(session.fake->Writes(REG_CAMERA_USED), ElementsAre(0));
+}
+
+}  // namespace
+}  // namespace kelo::test

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <stdexcept>
+#include <system_error>
 
 #include "utils.h"
 
@@ -37,41 +38,50 @@ void TPacketCommunicatorUDPSocket::OpenSocket() {
         actual_port = Socket->getPort();
         UDPStatus = actual_port != 0 ? UDPST_OK : UDPST_BAD_PORT;
     } catch (...) {
+        actual_port = 0;
         UDPStatus = UDPST_BAD_PORT;
     }
 }
 
 void TPacketCommunicatorUDPSocket::StartRxThread() {
+    const std::lock_guard lock(mutex_thread);
     if (retired) return;
-    if (Socket == nullptr) OpenSocket();
+    {
+        const std::lock_guard send_lock(mutex_send);
+        if (Socket == nullptr) OpenSocket();
+    }
     if (UDPStatus != UDPST_OK) return;
     RxThreadStopWanted = false;
     RxThread = std::thread([this] { RxThreadFunc(); });
 }
 
 void TPacketCommunicatorUDPSocket::StopRxThread() {
+    const std::lock_guard lock(mutex_thread);
     if (!RxThread.joinable()) return;
     RxThreadStopWanted = true;
     RxThread.join();
 }
 
 void TPacketCommunicatorUDPSocket::Retire() {
-    const std::lock_guard lock(mutex_send);
+    const std::lock_guard lock(mutex_thread);
     retired = true;
     StopRxThread();
 }
 
 void TPacketCommunicatorUDPSocket::RestartSocket() {
-    const std::lock_guard lock(mutex_send);
+    const std::lock_guard lock(mutex_thread);
     StopRxThread();
-    Socket.reset();
-    OpenSocket();
+    {
+        const std::lock_guard send_lock(mutex_send);
+        Socket.reset();
+        OpenSocket();
+    }
     if (UDPStatus == UDPST_OK) StartRxThread();
 }
 
 ssize_t TPacketCommunicatorUDPSocket::Send(uint32_t ip, int port, const void* data, int length) {
-    const std::lock_guard lock(mutex_send);
     try {
+        const std::lock_guard lock(mutex_send);
         if (Socket == nullptr) throw std::runtime_error("Can't send on not opened socket");
         const auto size = static_cast<size_t>(length);
         const auto destination_port = static_cast<uint16_t>(port);
@@ -79,7 +89,11 @@ ssize_t TPacketCommunicatorUDPSocket::Send(uint32_t ip, int port, const void* da
         return Socket->sendto(data, size, ip, destination_port);
     } catch (...) {
         kelo::ShowMessage("Bug?", "TPacketCommunicatorUDPSocket::Send");
-        RestartSocket();
+        try {
+            RestartSocket();
+        } catch (const std::system_error&) {
+            // No thread is to be had: the socket is open again, and sending goes on.
+        }
         return -1;
     }
 }

@@ -50,12 +50,17 @@ private:
     const uint16_t bind_port;
     const int receive_buffer_size;
 
-    std::unique_ptr<UDPSocket> Socket;  // null when closed; replaced only under mutex_send, with no
-                                        // receive thread running
-    std::atomic<uint16_t> actual_port{0};
-    std::atomic<TUDPStatus> UDPStatus{UDPST_ERROR};
-    std::thread RxThread;
+    // Locked for starting, stopping and joining the receive thread, before mutex_send. Never held
+    // together with mutex_send while joining: OnRcv may send. Recursive: a restart stops and
+    // starts.
+    std::recursive_mutex mutex_thread;
+    std::thread RxThread;  // guarded by mutex_thread
     std::atomic<bool> RxThreadStopWanted{false};
     std::atomic<bool> retired{false};
-    std::recursive_mutex mutex_send;  // serialises sends; recursive: a failed send restarts
+
+    std::mutex mutex_send;              // serialises sends
+    std::unique_ptr<UDPSocket> Socket;  // null when closed; replaced only under both mutexes, with
+                                        // no receive thread running
+    std::atomic<uint16_t> actual_port{0};
+    std::atomic<TUDPStatus> UDPStatus{UDPST_ERROR};
 };

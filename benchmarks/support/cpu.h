@@ -12,10 +12,10 @@ double CpuSeconds();
 // Seconds on a clock that only goes forward.
 double Now();
 
-// Nanoseconds that a cache line takes from one core to the other and back, over a few thousand
-// rounds (about a millisecond). On a virtual machine the two cores move about on the host, and work
-// that crosses them costs up to 2.6 times more in a bad place: a probe before and after a
-// measurement tells whether that happened under it.
+// Nanoseconds that a cache line takes from one core to the other and back, as an average over
+// the quickest of some short batches (milliseconds in all). On a virtual machine the two cores move
+// about on the host, and work that crosses them costs up to 2.6 times more in a bad place: a probe
+// before and after a measurement tells whether that happened under it.
 double PlacementProbeNs(int core_a, int core_b);
 
 }  // namespace kelo::bench

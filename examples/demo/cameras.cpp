@@ -68,7 +68,7 @@ std::vector<kelosim::CameraConfig> DemoCameras() {
     return {
         MakeCamera(11, "Demo, 8-bit grey", kelosim::MakeTestChart8(640, 480), 40),
         MakeCamera(12, "Demo, 16-bit grey", kelosim::MakeTestChart16(640, 480), 30),
-        MakeCamera(13, "Demo, laser profile", kelosim::MakeLaserProfile(1024, 512), 50),
+        MakeCamera(13, "Demo, laser profile", kelosim::MakeLaserProfile(1024, 768), 50),
     };
 }
 

@@ -1,8 +1,11 @@
-/* The records of received images and of their statistics. C and C++; naturally aligned. */
+/* The records of received images and of their statistics, and the close callback. C and C++;
+ * naturally aligned unless stated. */
 #ifndef KELO_TYPES_H
 #define KELO_TYPES_H
 
 #include <stdint.h>
+
+#include "kelo_common_defs.h"
 
 typedef uint8_t UINT8;
 typedef uint16_t UINT16;
@@ -41,5 +44,22 @@ typedef struct _BufferInfo {
     BufferStatistics bufferStatistics;
     StreamStatistics streamStatistics; /* the stream's counters when this image was completed */
 } BufferInfo;
+
+#pragma pack(push, 1)
+
+/* Counters taken from one image. 20 bytes, no padding. */
+typedef struct EXT_CAM_STATS {
+    uint32_t current_image_number; /* the camera's number of the image */
+    uint32_t images_received;      /* images of the stream up to this one, low 32 bits */
+    uint32_t images_dropped;       /* always 0 */
+    uint32_t images_skipped;       /* image numbers never seen, low 32 bits */
+    uint32_t images_pending;       /* NOT SET: do not use; see keloGetPendingImageCount */
+} EXT_CAM_STATS;
+
+#pragma pack(pop)
+
+/* Called when a camera was closed by the library: it stopped answering, or a discovery dropped it.
+ * Not called for keloCloseCamera and keloRelease. The result is ignored. */
+typedef KELO_API_STATUS(keloCameraCloseEvent)(CAM_HANDLE camera_id);
 
 #endif /* KELO_TYPES_H */

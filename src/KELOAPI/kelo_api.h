@@ -39,20 +39,9 @@ typedef struct EXT_CAM_INFO {
     uint8_t camera_mac[6];      /* first byte first */
 } EXT_CAM_INFO;
 
-/* Counters taken from one image. 20 bytes, no padding. */
-typedef struct EXT_CAM_STATS {
-    uint32_t current_image_number; /* the camera's number of the image */
-    uint32_t images_received;      /* images of the stream up to this one, low 32 bits */
-    uint32_t images_dropped;       /* always 0 */
-    uint32_t images_skipped;       /* image numbers never seen, low 32 bits */
-    uint32_t images_pending;       /* NOT SET: do not use; see keloGetPendingImageCount */
-} EXT_CAM_STATS;
-
 #pragma pack(pop)
 
-/* Called when a camera was closed by the library: it stopped answering, or a discovery dropped it.
- * Not called for keloCloseCamera and keloRelease. The result is ignored. */
-typedef KELO_API_STATUS(keloCameraCloseEvent)(CAM_HANDLE camera_id);
+/* The callback and the records of images: kelo_types.h. */
 
 /* ---- Library ------------------------------------------------------------------------------- */
 

@@ -15,7 +15,6 @@
 #include "TResponse.h"
 #include "UDPSocket.h"
 #include "cam_info.h"
-#include "kelo_api.h"
 #include "kelo_fw_client.h"
 #include "kelo_types.h"
 #include "reply_intake.h"

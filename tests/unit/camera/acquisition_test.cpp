@@ -7,6 +7,7 @@
 #include "kelo_manager.h"
 #include "kelo_registers.h"
 #include "log_capture.h"
+#include "utils.h"
 #include "wait_for.h"
 
 namespace kelo::test {

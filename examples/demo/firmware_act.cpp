@@ -3,14 +3,13 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
-#include <optional>
 #include <stdexcept>
+#include <system_error>
 #include <thread>
-
-#include <unistd.h>
 
 #include "kelosim/firmware.h"
 #include "library.h"
+#include "progress_line.h"
 
 namespace demo {
 namespace {
@@ -44,29 +43,15 @@ double SecondsSince(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-void PrintProgress(int percent, double seconds) {
-    constexpr int WIDTH = 40;
-    const std::string bar(static_cast<size_t>(percent * WIDTH / 100), '#');
-    // Written over on a terminal; elsewhere a line for each.
-    std::printf("%s  [%-*s] %3d %%  %4.1f s%s", isatty(STDOUT_FILENO) != 0 ? "\r" : "", WIDTH,
-                bar.c_str(), percent, seconds, isatty(STDOUT_FILENO) != 0 ? "" : "\n");
-    std::fflush(stdout);
-}
-
 void WaitForEnd(CAM_HANDLE camera) {
+    ProgressLine line;
     const auto start = Clock::now();
     int percent = 0;
-    int printed = -1;
     while (percent < 100) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
         Require(keloFirmwareGetProgress(camera, &percent), "programming the firmware");
-        if (percent / 10 != printed / 10 || isatty(STDOUT_FILENO) != 0) {
-            PrintProgress(percent, SecondsSince(start));
-            printed = percent;
-        }
-        if (percent < 100) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        line.Show(percent, SecondsSince(start));
     }
-    std::printf("%s  programmed and read back in %.1f s\n", isatty(STDOUT_FILENO) != 0 ? "\n" : "",
-                SecondsSince(start));
 }
 
 // The camera must be missed once: before it goes away it may still answer.
@@ -95,6 +80,7 @@ void ProgramFirmware(const EXT_CAM_INFO& camera, const std::string& file_name) {
                 AddressText(camera.camera_ip).c_str(), FIRMWARE_SIZE);
     Require(keloFirmwareProgram(camera.camera_handle, file.Name()), "keloFirmwareProgram");
     WaitForEnd(camera.camera_handle);
+    std::printf("  programmed, and read back without a difference\n");
     FindAgain(camera);
 }
 

@@ -14,6 +14,7 @@ LiveView::LiveView(std::vector<Row> rows)
 
 void LiveView::Print() {
     if (printed_ && on_terminal_) std::printf("\033[%zuA", rows_.size());
+    if (printed_ && !on_terminal_) std::printf("\n");
     printed_ = true;
     for (const Row& row : rows_) {
         const Grabber::Progress now = row.grabber->Now();
@@ -21,7 +22,6 @@ void LiveView::Print() {
                     row.name.c_str(), now.images, IMAGES_PER_CAMERA, now.images_per_second,
                     now.megabytes_per_second, now.images_lost);
     }
-    if (!on_terminal_) std::printf("\n");
     std::fflush(stdout);
 }
 

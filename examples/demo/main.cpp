@@ -53,8 +53,8 @@ void GrabFromAll(const Grabbers& grabbers, LiveView& view) {
         });
     }
     while (running > 0) {
-        view.Print();
         std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        view.Print();
     }
     for (auto& thread : threads)
         thread.join();
@@ -114,6 +114,7 @@ void Run() {
     // From here on the program's own lines say what happens.
     keloLogging(0);
     GrabAct(infos, cameras);
+    std::puts("All cameras are closed again");
     ProgramFirmware(infos[0], OUTPUT / "firmware.bin");
 }
 

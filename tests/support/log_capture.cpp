@@ -5,6 +5,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -20,8 +21,10 @@ StreamCapture::StreamCapture(int fd)
 }
 
 StreamCapture::~StreamCapture() {
-    fflush(nullptr);
+    const std::string text = Text();
     dup2(saved_, fd_);
+    // GoogleTest's own words about a failure were taken as well.
+    if (testing::Test::HasFailure()) fputs(text.c_str(), stderr);
     close(saved_);
     close(file_);
 }

@@ -1,3 +1,5 @@
+#include <thread>
+
 #include <netinet/in.h>
 
 #include "UDPSocket.h"
@@ -38,6 +40,7 @@ TEST_F(Discovery, SendsTheBareHeaderOnEveryInterface) {
     EXPECT_EQ(from_ip, 0x7F010203u);
     EXPECT_EQ(first_port, second_port);
     EXPECT_TRUE(log.ContainsPrefix("  Found interface: index=["));
+    Ip("address del 127.1.2.3/8 dev lo");
 }
 
 TEST_F(Discovery, LogsWhatItFinds) {
@@ -179,12 +182,15 @@ TEST_F(Discovery, TheReplyOverTheCamerasOwnSubnetWins) {
     Ip("address add 10.7.0.1/24 dev veth-a");
     Ip("link set veth-a up");
     Ip("link set veth-b up");
-    manager->Discover(0, 0);  // makes the transports
-    // The camera says the same over both: first on loopback, then on its own subnet, then on
-    // loopback again.
+    uint32_t found = 0;
+    std::thread discovery([&] { found = manager->Discover(0, 3000); });
     uint32_t from_ip = 0;
     uint16_t port = 0;
     ASSERT_EQ(NextDatagram(&from_ip, &port).size(), 14u);
+    // The transports of both interfaces are there once the second broadcast was heard.
+    ASSERT_EQ(NextDatagram().size(), 14u);
+    // The camera says the same over both: first on loopback, then on its own subnet, then on
+    // loopback again.
     UDPSocket camera(0x0A070001, 0);
     const auto say = [&](uint32_t to, const char* what) {
         const Bytes reply = DiscoveryReply(0x0A070002, what);
@@ -195,7 +201,8 @@ TEST_F(Discovery, TheReplyOverTheCamerasOwnSubnetWins) {
     say(0x7F000001, "Loopback first");
     say(0x0A070001, "Own subnet");
     say(0x7F000001, "Loopback again");
-    EXPECT_EQ(manager->Discover(0, 0), 1u);
+    discovery.join();
+    EXPECT_EQ(found, 1u);
     EXPECT_STREQ(manager->FindIp(0x0A070002)->camInfo()->hardware_description, "Own subnet");
 }
 

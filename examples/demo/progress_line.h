@@ -5,9 +5,9 @@
 namespace demo {
 
 // How far the firmware is. On a terminal, one line that is written over, to the right of the marks
-// with which the library itself tells what it reads back ("FW:0x..."). Elsewhere a line for each
-// ten percent; there the library's marks, ten thousand of them, would bury everything else, so
-// standard output goes nowhere while this object lives.
+// with which the library itself tells what it reads back ("FW:0x..."). Elsewhere a line twice a
+// second; there the library's marks, ten thousand of them, would bury everything else, so standard
+// output goes nowhere while this object lives.
 class ProgressLine {
 public:
     ProgressLine();

@@ -9,6 +9,7 @@
 #include "log_capture.h"
 #include "stream_wire.h"
 #include "wait_for.h"
+#include "waiting_call.h"
 
 namespace kelo::test {
 namespace {
@@ -483,38 +484,34 @@ TEST_F(StreamReceiverTest, NothingQueuedIsNullAfterTheTime) {
 }
 
 TEST_F(StreamReceiverTest, ImageThatCompletesEndsTheWait) {
-    BufferInfo* image = nullptr;
-    std::thread waiter([&] { image = stream_.GetImage(60000); });
+    WaitingCall<BufferInfo*> wait([&] { return stream_.GetImage(60000); });
+    wait.AwaitSleep();
     SendRange(4, 0, 0, 1);
-    waiter.join();
+    const BufferInfo* image = wait.Get();
     ASSERT_NE(image, nullptr);
     EXPECT_EQ(image->imageNumber, 4u);
 }
 
 TEST_F(StreamReceiverTest, QueueStaysUsableWhileSomeoneWaits) {
-    std::atomic<bool> waiting{false};
-    std::thread waiter([&] {
-        waiting = true;
-        stream_.GetImage(60000);
-    });
-    WaitFor([&] { return waiting.load(); });
+    WaitingCall<BufferInfo*> wait([&] { return stream_.GetImage(60000); });
+    wait.AwaitSleep();
     EXPECT_EQ(Pending(), 0u);
     stream_.ClearBuffer();
     EXPECT_FALSE(stream_.PopImage(nullptr));
+    EXPECT_FALSE(wait.Returns(std::chrono::milliseconds(0)));
     stream_.EndWaits();
-    waiter.join();
+    EXPECT_EQ(wait.Get(), nullptr);
 }
 
 TEST_F(StreamReceiverTest, EndOfWaitsEndsAllOfThemForGood) {
-    std::vector<std::thread> waiters;
-    std::atomic<int> null_count{0};
-    for (int i = 0; i < 3; ++i) {
-        waiters.emplace_back([&] { null_count += stream_.GetImage(60000) == nullptr ? 1 : 0; });
-    }
+    const auto get = [&] { return stream_.GetImage(60000); };
+    WaitingCall<BufferInfo*> first(get);
+    first.AwaitSleep();
+    WaitingCall<BufferInfo*> behind_it(get);
+    behind_it.AwaitSleep();
     stream_.EndWaits();
-    for (std::thread& waiter : waiters)
-        waiter.join();
-    EXPECT_EQ(null_count, 3);
+    EXPECT_EQ(first.Get(), nullptr);
+    EXPECT_EQ(behind_it.Get(), nullptr);
     EXPECT_EQ(stream_.GetImage(60000), nullptr);
     SendRange(1, 0, 0, 1);
     EXPECT_NE(stream_.GetImage(60000), nullptr);

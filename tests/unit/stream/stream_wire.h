@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <optional>
 #include <string>
 
 #include "kelo_types.h"
@@ -56,19 +57,14 @@ struct ImagePacket {
 // One message of a TCP stream.
 struct TcpMessage {
     uint32_t type = 1;
-    std::string body;
-    uint32_t size = UINT32_MAX;  // claimed; the body's own if left so
+    std::string body = "";
+    std::optional<uint32_t> size = std::nullopt;  // claimed; the body's own if not given
     uint8_t stream = 3;
     uint8_t magic = 0xAC;
 
     std::string Bytes() const {
-        const auto own = static_cast<uint32_t>(body.size());
-        return Wire()
-            .U8(magic)
-            .U8(stream)
-            .U32(type)
-            .U32(size == UINT32_MAX ? own : size)
-            .Text(body);
+        const uint32_t claimed = size.value_or(static_cast<uint32_t>(body.size()));
+        return Wire().U8(magic).U8(stream).U32(type).U32(claimed).Text(body);
     }
 };
 

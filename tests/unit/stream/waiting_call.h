@@ -1,0 +1,50 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <functional>
+#include <future>
+#include <string>
+#include <thread>
+
+#include <unistd.h>
+
+#include "wait_for.h"
+
+namespace kelo::test {
+
+// A call that blocks, on a thread of its own.
+template <typename Result>
+class WaitingCall {
+public:
+    explicit WaitingCall(std::function<Result()> call)
+        : result_(std::async(std::launch::async, [this, call = std::move(call)] {
+              thread_ = gettid();
+              return call();
+          })) {}
+
+    // Until the thread sleeps in the call: the system says so.
+    void AwaitSleep() {
+        WaitFor([this] { return thread_ != 0 && State() == 'S'; });
+    }
+    // Whether the call returns within the time.
+    bool Returns(std::chrono::milliseconds limit = std::chrono::seconds(20)) {
+        return result_.wait_for(limit) == std::future_status::ready;
+    }
+    Result Get() { return result_.get(); }
+
+private:
+    char State() const {
+        std::ifstream file("/proc/self/task/" + std::to_string(thread_) + "/stat");
+        std::string text;
+        std::getline(file, text);
+        const size_t name_end = text.rfind(") ");
+        return name_end == std::string::npos ? '?' : text[name_end + 2];
+    }
+
+    std::atomic<pid_t> thread_{0};
+    std::future<Result> result_;
+};
+
+}  // namespace kelo::test

@@ -1,0 +1,5 @@
+# What the documents say about the code, compared with the code.
+add_test(NAME checks.readme_example COMMAND
+         /usr/bin/python3 "${CMAKE_CURRENT_LIST_DIR}/readme_example.py" "${PROJECT_SOURCE_DIR}")
+add_test(NAME checks.documented_texts COMMAND
+         /usr/bin/python3 "${CMAKE_CURRENT_LIST_DIR}/documented_texts.py" "${PROJECT_SOURCE_DIR}")

@@ -145,7 +145,7 @@ TEST_F(CommunicatorTest, ConstructionOpensTheSocketButStartsNoThread) {
     EXPECT_NE(0, communicator->GetSocketPort());
     EXPECT_EQ(kLoopback, communicator->GetSocketIp());
     EXPECT_FALSE(communicator->IsReadyToReceive());
-    EXPECT_EQ(threads, ThreadsOfThisProcess());
+    EXPECT_LE(ThreadsOfThisProcess(), threads);
 }
 
 TEST_F(CommunicatorTest, ReportsTheRequestedAddress) {
@@ -221,7 +221,7 @@ TEST_F(CommunicatorTest, APortHeldByAnotherSocketIsABadPort) {
     EXPECT_FALSE(communicator->IsInitialized());
     EXPECT_EQ(0, communicator->GetSocketPort());
     communicator->StartRxThread();
-    EXPECT_EQ(threads, ThreadsOfThisProcess());
+    EXPECT_LE(ThreadsOfThisProcess(), threads);
     EXPECT_FALSE(communicator->IsReadyToReceive());
     communicator->StopRxThread();
 }
@@ -311,7 +311,8 @@ TEST_F(CommunicatorTest, CanBeStartedAgainAfterAStop) {
 TEST_F(CommunicatorTest, DestructionEndsTheThread) {
     const size_t threads = ThreadsOfThisProcess();
     Started().reset();
-    EXPECT_EQ(threads, ThreadsOfThisProcess());
+    // The system forgets a thread a moment after it could be joined.
+    EXPECT_TRUE(WaitFor([&] { return ThreadsOfThisProcess() <= threads; }));
 }
 
 // A receiver that sends on the transport that is being stopped, from the thread that is waited for.
@@ -361,7 +362,7 @@ TEST_F(CommunicatorTest, RetiredItNeverReceivesAgainButStillSends) {
     const size_t threads = ThreadsOfThisProcess();
     communicator->StartRxThread();
     communicator->RestartSocket();
-    EXPECT_EQ(threads, ThreadsOfThisProcess());
+    EXPECT_LE(ThreadsOfThisProcess(), threads);
     SendTo(*communicator, "after");
     EXPECT_EQ(4, communicator->Send(kLoopback, peer.getPort(), "last", 4));
     EXPECT_EQ(1, peer.waitReadable(20000));

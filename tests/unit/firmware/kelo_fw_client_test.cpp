@@ -13,9 +13,9 @@
 #include <unistd.h>
 
 #include "firmware_image.h"
-#include "support/log_capture.h"
-#include "support/wait_for.h"
+#include "log_capture.h"
 #include "utils.h"
+#include "wait_for.h"
 
 namespace {
 

@@ -5,6 +5,7 @@
 #include <functional>
 #include <limits>
 #include <optional>
+#include <ostream>
 #include <thread>
 
 #include <fcntl.h>
@@ -212,6 +213,11 @@ struct BadFile {
     uint32_t emblem_offset;
     const char* text;
 };
+
+// For the names that ctest shows.
+void PrintTo(const BadFile& file, std::ostream* out) {
+    *out << file.name;
+}
 
 class BadFirmwareFile : public testing::TestWithParam<BadFile> {};
 

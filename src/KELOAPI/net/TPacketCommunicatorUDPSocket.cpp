@@ -62,9 +62,14 @@ void TPacketCommunicatorUDPSocket::StopRxThread() {
     RxThread.join();
 }
 
+void TPacketCommunicatorUDPSocket::BeginRetire() {
+    retired = true;
+    RxThreadStopWanted = true;
+}
+
 void TPacketCommunicatorUDPSocket::Retire() {
     const std::lock_guard lock(mutex_thread);
-    retired = true;
+    BeginRetire();
     StopRxThread();
 }
 

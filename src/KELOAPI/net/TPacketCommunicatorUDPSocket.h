@@ -37,6 +37,8 @@ public:
     // Stops the receive thread for good: no restart brings it back. For a receiver that is about
     // to be destroyed while others still hold this transport.
     void Retire();
+    // The first half of it: several transports told so first end at the same time.
+    void BeginRetire();
 
 private:
     void OpenSocket();

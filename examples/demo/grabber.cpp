@@ -129,7 +129,7 @@ void Grabber::KeepSample(BufferInfo& image) {
         picture.pixels.assign(data.begin(), data.end());
     }
     picture.pixels.resize(size);
-    samples_.push_back(std::move(picture));
+    samples_.push_back({image.imageNumber, std::move(picture)});
 }
 
 void Grabber::Fail(const std::string& what) {

@@ -33,8 +33,12 @@ public:
 
     // After Run. What went wrong first; empty if every image came and was as sent.
     const std::string& Failure() const { return failure_; }
-    // After Run. Some of the images, made visible.
-    const std::vector<Picture>& Samples() const { return samples_; }
+    struct Sample {
+        uint32_t number;
+        Picture picture;
+    };
+    // After Run. The images of SampleNumbers, made visible; without those that did not come.
+    const std::vector<Sample>& Samples() const { return samples_; }
     static const std::vector<uint32_t>& SampleNumbers();
 
 private:
@@ -58,7 +62,7 @@ private:
     double first_time_ = 0;
     std::vector<uint8_t> decoded_;
     std::string failure_;
-    std::vector<Picture> samples_;
+    std::vector<Sample> samples_;
 
     mutable std::mutex mutex_;
     Progress progress_;  // guarded by mutex_

@@ -62,20 +62,18 @@ void GrabFromAll(const Grabbers& grabbers, LiveView& view) {
 }
 
 void WritePictures(const Grabbers& grabbers) {
-    const auto& numbers = Grabber::SampleNumbers();
     std::vector<Picture> all;
     for (size_t camera = 0; camera < grabbers.size(); ++camera) {
-        const std::vector<Picture>& samples = grabbers[camera]->Samples();
-        for (size_t i = 0; i < samples.size(); ++i) {
+        for (const Grabber::Sample& sample : grabbers[camera]->Samples()) {
             char name[64];
-            std::snprintf(name, sizeof name, "camera%zu-image%03u.png", camera + 1, numbers[i]);
-            WritePng(OUTPUT / name, samples[i]);
+            std::snprintf(name, sizeof name, "camera%zu-image%03u.png", camera + 1, sample.number);
+            WritePng(OUTPUT / name, sample.picture);
+            all.push_back(sample.picture);
         }
-        all.insert(all.end(), samples.begin(), samples.end());
     }
     constexpr uint32_t THUMBNAIL_WIDTH = 320;
-    WritePng(OUTPUT / "contact-sheet.png",
-             ContactSheet(all, static_cast<uint32_t>(numbers.size()), THUMBNAIL_WIDTH));
+    const auto columns = static_cast<uint32_t>(Grabber::SampleNumbers().size());
+    WritePng(OUTPUT / "contact-sheet.png", ContactSheet(all, columns, THUMBNAIL_WIDTH));
     std::printf("\n%zu pictures and contact-sheet.png are in %s/\n", all.size(), OUTPUT.c_str());
 }
 

@@ -1,0 +1,102 @@
+#include <set>
+
+#include "system_fixture.h"
+
+namespace kelo::test {
+namespace {
+
+using Discovery = SystemTest;
+
+TEST_F(Discovery, FindsEveryCameraWithItsIdentity) {
+    kelosim::CameraConfig config;
+    config.description = "A camera whose text has 32 chars";
+    config.mac = {2, 0x10, 0x20, 0x30, 0x40, 0x50};
+    AddCamera(config);
+    simulator.AddMany(3, {.address = kelosim::Ipv4(127, 0, 0, 21)});
+    simulator.Start();
+    const auto handles = Discover();
+    ASSERT_EQ(handles.size(), 4u);
+    EXPECT_TRUE(std::is_sorted(handles.begin(), handles.end()));
+    std::set<uint32_t> addresses;
+    for (const CAM_HANDLE handle : handles) {
+        EXT_CAM_INFO info;
+        memset(&info, 0xEE, sizeof(info));
+        ASSERT_EQ(keloGetCameraInfo(handle, &info), KELO_STATUS_SUCCESS);
+        EXPECT_EQ(info.camera_handle, handle);
+        EXPECT_EQ(info.camera_subnetmask, 0xFF000000u);
+        EXPECT_EQ(info.description[32], 0);
+        addresses.insert(info.camera_ip);
+        if (info.camera_ip == kelosim::Ipv4(127, 0, 0, 11)) {
+            EXPECT_STREQ(info.description, "A camera whose text has 32 chars");
+            EXPECT_THAT(info.camera_mac, testing::ElementsAre(2, 0x10, 0x20, 0x30, 0x40, 0x50));
+        }
+    }
+    EXPECT_EQ(addresses.size(), 4u);
+}
+
+TEST_F(Discovery, ListsTheLowestHandlesUpToTheLimit) {
+    simulator.AddMany(5);
+    simulator.Start();
+    const auto all = Discover();
+    ASSERT_EQ(all.size(), 5u);
+    const auto two = Discover(2);
+    EXPECT_THAT(two, testing::ElementsAre(all[0], all[1]));
+    EXPECT_EQ(keloDiscover(nullptr, 5, kListenMs), 0);
+}
+
+TEST_F(Discovery, KeepsHandlesOverDiscoveries) {
+    simulator.AddMany(3);
+    simulator.Start();
+    EXPECT_EQ(Discover(), Discover());
+}
+
+TEST_F(Discovery, WithoutCamerasLeavesTheListAlone) {
+    CAM_HANDLE untouched = 77;
+    EXPECT_EQ(keloDiscover(&untouched, 1, 0), 0);
+    EXPECT_EQ(untouched, 77u);
+}
+
+TEST_F(Discovery, ASilentCameraIsDroppedAndItsOpenSessionReported) {
+    kelosim::Camera& camera = StartOne();
+    const CAM_HANDLE handle = Open(camera);
+    camera.UpdateFaults([](kelosim::Faults& faults) { faults.ignore_discovery = true; });
+    EXPECT_TRUE(Discover().empty());
+    uint32_t value = 0;
+    EXPECT_EQ(keloGetRegisterInt(handle, REG_WIDTH, &value), KELO_STATUS_ERROR);
+    ASSERT_TRUE(WaitFor([] { return CloseEvents::count == 1; }));
+    EXPECT_EQ(CloseEvents::last, handle);
+    // It still answers requests, so it was told.
+    EXPECT_FALSE(camera.used());
+}
+
+TEST_F(Discovery, AnOpenCameraStaysOpenOverADiscovery) {
+    kelosim::Camera& camera = StartOne();
+    const CAM_HANDLE handle = Open(camera);
+    EXPECT_THAT(Discover(), testing::ElementsAre(handle));
+    EXPECT_TRUE(camera.used());
+    EXPECT_EQ(CloseEvents::count, 0);
+    Get(handle, REG_WIDTH);
+}
+
+TEST_F(Discovery, SetIpMovesTheCameraToANewHandle) {
+    kelosim::Camera& camera = StartOne();
+    const CAM_HANDLE before = Open(camera);
+    const uint32_t target = kelosim::Ipv4(127, 0, 0, 99);
+    ASSERT_EQ(keloSetCameraIP(before, target, 0xFFFF0000), KELO_STATUS_SUCCESS);
+    EXT_CAM_INFO info{};
+    EXPECT_EQ(keloGetCameraInfo(before, &info), KELO_STATUS_ERROR);
+    const CAM_HANDLE after = Find(target);
+    ASSERT_NE(after, 0u);
+    EXPECT_NE(after, before);
+    ASSERT_EQ(keloGetCameraInfo(after, &info), KELO_STATUS_SUCCESS);
+    EXPECT_EQ(info.camera_subnetmask, 0xFFFF0000u);
+    EXPECT_EQ(camera.address(), target);
+    EXPECT_EQ(keloOpenCamera(after, nullptr), KELO_STATUS_SUCCESS);
+}
+
+TEST_F(Discovery, SetIpOfAnUnknownHandleFails) {
+    EXPECT_EQ(keloSetCameraIP(1, 2, 3), KELO_STATUS_ERROR);
+}
+
+}  // namespace
+}  // namespace kelo::test

@@ -1,0 +1,239 @@
+#include "system_fixture.h"
+
+namespace kelo::test {
+namespace {
+
+class UdpStream : public SystemTest {
+protected:
+    static kelosim::StreamConfig Chart(uint32_t images, double rate = 200) {
+        kelosim::StreamConfig stream;
+        stream.source = kelosim::MakeTestChart8(320, 200);
+        stream.frame_rate = rate;
+        stream.image_count = images;
+        return stream;
+    }
+    static kelosim::CameraConfig With(std::vector<kelosim::StreamConfig> streams) {
+        kelosim::CameraConfig config;
+        config.streams = std::move(streams);
+        return config;
+    }
+    // Packets of an image of Chart() over a path of 1500 bytes.
+    static constexpr uint32_t kPayload = 1500 - 28 - 14;
+};
+
+TEST_F(UdpStream, ImagesArriveAsTheCameraSentThem) {
+    kelosim::Camera& camera = StartOne(With({Chart(20)}));
+    const auto stream = camera.config().streams[0];
+    const CAM_HANDLE handle = OpenAndStart(camera);
+    for (uint32_t number = 1; number <= 20; ++number) {
+        const Image image = Take(handle);
+        ASSERT_TRUE(image.arrived);
+        EXPECT_EQ(image.number, number);
+        EXPECT_EQ(image.data, stream.Frame(number));
+        EXPECT_EQ(image.info.imageWidth, 320);
+        EXPECT_EQ(image.info.imageHeight, 200);
+        EXPECT_EQ(image.info.streamStatistics.imagesReceived, number);
+        EXPECT_EQ(image.info.streamStatistics.imagesSkipped, 0u);
+        EXPECT_EQ(image.info.streamStatistics.missingPackets, 0u);
+        EXPECT_EQ(image.info.bufferStatistics.errorFlag, 0);
+    }
+    EXPECT_EQ(keloGetNextImage(handle, 0), nullptr);
+    EXPECT_EQ(keloIsBufferEmpty(handle, 0), 1);
+}
+
+TEST_F(UdpStream, EveryKindOfSourceAndSeveralStreamsAtOnce) {
+    std::vector<kelosim::StreamConfig> streams(3, Chart(10));
+    streams[1].source = kelosim::MakeTestChart16(160, 120);
+    streams[2].source = kelosim::MakeLaserProfile(320, 64);
+    streams[2].header_size = 16;
+    kelosim::Camera& camera = StartOne(With(streams));
+    const CAM_HANDLE handle = OpenAndStart(camera);
+    for (uint32_t number = 1; number <= 10; ++number) {
+        for (const uint8_t s : {0, 1}) {
+            const Image image = Take(handle, s);
+            ASSERT_TRUE(image.arrived);
+            EXPECT_EQ(image.data, streams[s].Frame(number));
+        }
+        ASSERT_TRUE(WaitFor([&] { return keloIsBufferEmpty(handle, 2) == 0; }));
+        std::vector<uint8_t> pixels(320 * 64 + 1);
+        int status = 0;
+        IMAGE_BUFFER_HANDLE profile =
+            keloGetNextDecodedImage(handle, 2, pixels.data(), 16, 320 * 64, &status);
+        ASSERT_NE(profile, nullptr);
+        EXPECT_EQ(status, 1);
+        EXPECT_EQ(keloGetHeaderSize(profile), 16);
+        pixels.pop_back();
+        EXPECT_EQ(pixels, kelosim::LaserProfilePixels(320, 64, keloGetImageNumber(profile)));
+        keloPopImage(handle, 2, profile);
+    }
+}
+
+TEST_F(UdpStream, CountsLostPacketsExactly) {
+    kelosim::CameraConfig config = With({Chart(6, 50)});
+    config.path_packet_size = 1500;
+    using Kind = kelosim::PacketFault::Kind;
+    config.faults.packets = {{.kind = Kind::kDrop, .image = 2, .packet = 3, .stream = {}},
+                             {.kind = Kind::kDrop, .image = 2, .packet = 7, .stream = {}},
+                             {.kind = Kind::kDrop, .image = 4, .packet = {}, .stream = {}}};
+    kelosim::Camera& camera = StartOne(config);
+    const auto stream = camera.config().streams[0];
+    const CAM_HANDLE handle = OpenAndStart(camera);
+    for (const uint32_t number : {1u, 2u, 3u, 5u, 6u}) {
+        const Image image = Take(handle);
+        ASSERT_TRUE(image.arrived);
+        EXPECT_EQ(image.number, number);
+        const bool damaged = number == 2;
+        EXPECT_EQ(image.info.bufferStatistics.errorFlag, damaged ? 1 : 0);
+        EXPECT_EQ(image.info.bufferStatistics.missingPackets, damaged ? 2 : 0);
+        EXPECT_EQ(image.bytes_lost, damaged ? static_cast<int>(2 * kPayload) : 0);
+        EXPECT_EQ(image.info.streamStatistics.imagesSkipped, number < 5 ? 0u : 1u);
+        if (!damaged) EXPECT_EQ(image.data, stream.Frame(number));
+    }
+}
+
+TEST_F(UdpStream, DuplicatesAndReorderingDoNoHarm) {
+    kelosim::CameraConfig config = With({Chart(30, 100)});
+    config.path_packet_size = 1500;
+    config.faults.reorder_rate = 0.2;
+    config.faults.delay_rate = 0.1;
+    kelosim::Camera& camera = StartOne(config);
+    const auto stream = camera.config().streams[0];
+    const CAM_HANDLE handle = OpenAndStart(camera);
+    for (uint32_t number = 1; number <= 30; ++number) {
+        const Image image = Take(handle);
+        ASSERT_TRUE(image.arrived);
+        EXPECT_EQ(image.number, number);
+        EXPECT_EQ(image.data, stream.Frame(number));
+        EXPECT_EQ(image.bytes_lost, 0);
+    }
+}
+
+TEST_F(UdpStream, AJumpInTheNumbersIsCountedAsSkipped) {
+    kelosim::CameraConfig config = With({Chart(4, 50)});
+    config.faults.jumps = {{.image = 3, .by = 10}};
+    const CAM_HANDLE handle = OpenAndStart(StartOne(config));
+    std::vector<uint32_t> numbers;
+    uint64_t skipped = 0;
+    for (int i = 0; i < 4; ++i) {
+        const Image image = Take(handle);
+        ASSERT_TRUE(image.arrived);
+        numbers.push_back(image.number);
+        skipped = image.info.streamStatistics.imagesSkipped;
+    }
+    EXPECT_THAT(numbers, testing::ElementsAre(1, 2, 13, 14));
+    EXPECT_EQ(skipped, 10u);
+}
+
+TEST_F(UdpStream, AnImageWhosePacketsStopIsCompletedByTheTimer) {
+    kelosim::CameraConfig config = With({Chart(1)});
+    config.path_packet_size = 1500;
+    using Kind = kelosim::PacketFault::Kind;
+    config.faults.packets = {{.kind = Kind::kDrop, .image = 1, .packet = 0, .stream = {}}};
+    const CAM_HANDLE handle = OpenAndStart(StartOne(config));
+    const Image image = Take(handle);
+    ASSERT_TRUE(image.arrived);
+    EXPECT_EQ(image.info.bufferStatistics.missingPackets, 1);
+    EXPECT_TRUE(WaitFor([&] {
+        return log.Contains("Image 1 completed (forcefully by timer - no new packets arrived).");
+    }));
+}
+
+TEST_F(UdpStream, ASlowApplicationLosesNothing) {
+    const auto stream = Chart(60, 500);
+    const CAM_HANDLE handle = OpenAndStart(StartOne(With({stream})));
+    ASSERT_TRUE(WaitFor([&] { return keloGetPendingImageCount(handle, 0) == 60; }));
+    IMAGE_BUFFER_HANDLE first = keloGetNextImage(handle, 0);
+    EXPECT_EQ(keloGetNextImage(handle, 0), first);
+    for (uint32_t number = 1; number <= 60; ++number) {
+        const Image image = Take(handle);
+        EXPECT_EQ(image.number, number);
+        EXPECT_EQ(image.data, stream.Frame(number));
+    }
+}
+
+TEST_F(UdpStream, ClearBufferDropsTheBacklog) {
+    const CAM_HANDLE handle = OpenAndStart(StartOne(With({Chart(5, 500)})));
+    ASSERT_TRUE(WaitFor([&] { return keloGetPendingImageCount(handle, 0) == 5; }));
+    keloClearBuffer(handle, 0);
+    EXPECT_EQ(keloGetPendingImageCount(handle, 0), 0);
+    EXPECT_EQ(keloIsBufferEmpty(handle, 0), 1);
+}
+
+TEST_F(UdpStream, PoppingTwiceIsLoggedAndHarmless) {
+    const CAM_HANDLE handle = OpenAndStart(StartOne(With({Chart(2, 500)})));
+    ASSERT_TRUE(WaitFor([&] { return keloGetPendingImageCount(handle, 0) == 2; }));
+    IMAGE_BUFFER_HANDLE image = keloGetNextImage(handle, 0);
+    keloPopImage(handle, 0, image);
+    keloPopImage(handle, 0, image);
+    EXPECT_EQ(keloGetPendingImageCount(handle, 0), 1);
+    EXPECT_EQ(log.Count("PopImage: corresponding image buffer was not found, popimage failed"), 1u);
+    EXPECT_EQ(log.Count("KELOCamera::PopImage failed"), 1u);
+}
+
+TEST_F(UdpStream, StatsComeFromTheImage) {
+    const CAM_HANDLE handle = OpenAndStart(StartOne(With({Chart(1)})));
+    IMAGE_BUFFER_HANDLE image = keloGetNextImageTimeout(handle, 0, 20000);
+    ASSERT_NE(image, nullptr);
+    const EXT_CAM_STATS stats = keloGetCameraStats(12345, image);
+    EXPECT_EQ(stats.current_image_number, 1u);
+    EXPECT_EQ(stats.images_received, 1u);
+    EXPECT_EQ(stats.images_dropped, 0u);
+    EXPECT_EQ(stats.images_skipped, 0u);
+}
+
+TEST_F(UdpStream, FollowsANewAcquisition) {
+    kelosim::Camera& camera = StartOne(With({Chart(3)}));
+    const CAM_HANDLE handle = OpenAndStart(camera);
+    for (int i = 0; i < 3; ++i)
+        ASSERT_TRUE(Take(handle).arrived);
+    ASSERT_EQ(keloStopImageAcquisition(handle), KELO_STATUS_SUCCESS);
+    EXPECT_TRUE(WaitFor([&] { return !camera.acquiring(); }));
+    ASSERT_EQ(keloStartImageAcquisition(handle), KELO_STATUS_SUCCESS);
+    const Image image = Take(handle);
+    ASSERT_TRUE(image.arrived);
+    EXPECT_EQ(image.info.streamStatistics.imagesReceived, 1u);
+}
+
+TEST_F(UdpStream, ARefusedStartIsRepeated) {
+    kelosim::CameraConfig config = With({Chart(1)});
+    config.faults.refused_starts = 1;
+    EXPECT_TRUE(Take(OpenAndStart(StartOne(config))).arrived);
+}
+
+TEST_F(UdpStream, ClosingEndsAWaitForAnImage) {
+    const CAM_HANDLE handle = OpenAndStart(StartOne(With({Chart(1)})));
+    ASSERT_TRUE(Take(handle).arrived);
+    const auto begin = steady_clock::now();
+    std::thread waiter([=] { EXPECT_EQ(keloGetNextImageTimeout(handle, 0, 100000), nullptr); });
+    EXPECT_EQ(keloCloseCamera(handle), KELO_STATUS_SUCCESS);
+    waiter.join();
+    EXPECT_LT(steady_clock::now() - begin, seconds(20));
+}
+
+TEST_F(UdpStream, ReleasingEndsAWaitForAnImage) {
+    const CAM_HANDLE handle = OpenAndStart(StartOne(With({Chart(1)})));
+    ASSERT_TRUE(Take(handle).arrived);
+    const auto begin = steady_clock::now();
+    std::thread waiter([=] { EXPECT_EQ(keloGetNextImageTimeout(handle, 0, 100000), nullptr); });
+    EXPECT_EQ(keloRelease(), KELO_STATUS_SUCCESS);
+    waiter.join();
+    EXPECT_LT(steady_clock::now() - begin, seconds(20));
+}
+
+TEST_F(UdpStream, AFrameSizeThatCannotBeHadCostsOnlyItsImages) {
+    kelosim::Camera& camera = StartOne(With({Chart(3)}));
+    const CAM_HANDLE handle = Open(camera);
+    for (const uint32_t size : {0u, 0xFFFFFFFFu}) {
+        camera.SetRegister(REG_STREAM0_FRAME_SIZE, size);
+        ASSERT_EQ(keloStartImageAcquisition(handle), KELO_STATUS_SUCCESS);
+        ASSERT_TRUE(WaitFor([&] { return camera.counters().streams[0].images >= 3; }));
+        EXPECT_FALSE(Take(handle, 0, 300).arrived) << size;
+        ASSERT_EQ(keloStopImageAcquisition(handle), KELO_STATUS_SUCCESS);
+    }
+    camera.SetRegister(REG_STREAM0_FRAME_SIZE, 320 * 200);
+    ASSERT_EQ(keloStartImageAcquisition(handle), KELO_STATUS_SUCCESS);
+    EXPECT_TRUE(Take(handle).arrived);
+}
+
+}  // namespace
+}  // namespace kelo::test

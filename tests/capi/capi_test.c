@@ -342,6 +342,45 @@ static void check_discovery_of_nothing(void) {
     CHECK_EQUAL(0, keloDiscover(NULL, 0, 0));
 }
 
+/* What a discovery prints: the number in front of its first line and how many lines there are. */
+static void run_logged_discovery(long* first_number, int* lines) {
+    FILE* output = tmpfile();
+    const int saved = dup(STDOUT_FILENO);
+    CHECK(output != NULL && saved >= 0);
+    if (output == NULL || saved < 0) return;
+    fflush(stdout);
+    dup2(fileno(output), STDOUT_FILENO);
+    CHECK_EQUAL(0, keloDiscover(NULL, 0, 0));
+    dup2(saved, STDOUT_FILENO);
+    close(saved);
+    rewind(output);
+    *lines = 0;
+    *first_number = 0;
+    char line[256];
+    while (fgets(line, sizeof(line), output) != NULL) {
+        if ((*lines)++ == 0) CHECK_EQUAL(1, sscanf(line, "%ld: ", first_number));
+    }
+    fclose(output);
+}
+
+static void check_logging(void) {
+    long before = 0;
+    long number = 0;
+    long after = 0;
+    int lines = 0;
+    run_logged_discovery(&before, &lines);
+    CHECK(lines > 0);
+    const int lines_each = lines;
+    keloLogging(0);
+    run_logged_discovery(&number, &lines);
+    CHECK_EQUAL(0, lines);
+    keloLogging(255);
+    run_logged_discovery(&after, &lines);
+    CHECK_EQUAL(lines_each, lines);
+    /* The lines that were not printed were counted. */
+    CHECK_EQUAL(before + 2 * lines_each, after);
+}
+
 static void check_with_library(int private_network) {
     int value = 77;
     CHECK_EQUAL(KELO_STATUS_SUCCESS, keloGetInfoInt("IsMissingFilterDriver", &value));
@@ -352,6 +391,7 @@ static void check_with_library(int private_network) {
     check_unknown_handles();
     if (private_network) {
         check_discovery_of_nothing();
+        check_logging();
         check_unknown_handles();
     }
 }

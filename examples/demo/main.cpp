@@ -84,9 +84,11 @@ void GrabAct(const std::vector<EXT_CAM_INFO>& infos,
     Grabbers grabbers;
     std::vector<LiveView::Row> rows;
     for (size_t i = 0; i < infos.size(); ++i) {
-        open.push_back(std::make_unique<OpenCamera>(infos[i].camera_handle));
+        // A copy: the record is packed, so nothing may refer to its fields.
+        const CAM_HANDLE handle = infos[i].camera_handle;
+        open.push_back(std::make_unique<OpenCamera>(handle));
         PrintOpenCamera(infos[i]);
-        grabbers.push_back(std::make_unique<Grabber>(infos[i].camera_handle, cameras[i]));
+        grabbers.push_back(std::make_unique<Grabber>(handle, cameras[i]));
         rows.push_back({AddressText(infos[i].camera_ip), grabbers.back().get()});
     }
     std::printf("\nGrabbing %u images from each, comparing every byte\n", IMAGES_PER_CAMERA);

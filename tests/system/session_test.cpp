@@ -159,7 +159,7 @@ TEST_F(Sessions, ManyThreadsMayUseOneCamera) {
     std::vector<std::thread> threads;
     for (uint32_t t = 0; t < 4; ++t) {
         threads.emplace_back([=] {
-            const uint32_t reg = REG_TIMERDURATION + t;
+            const uint32_t reg = REG_TRIGGERSELECTOR + t;
             for (uint32_t i = 0; i < 100; ++i) {
                 EXPECT_EQ(Set(handle, reg, i), KELO_STATUS_SUCCESS);
                 EXPECT_EQ(Get(handle, reg), i);

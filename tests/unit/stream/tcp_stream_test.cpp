@@ -17,7 +17,6 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -32,12 +31,13 @@
 
 namespace {
 
-// While above zero, that many sends without a payload of the test's own fail with EPIPE.
+// That many calls fail: sends with EPIPE, new sockets with EMFILE.
 std::atomic<int> sends_to_fail{0};
+std::atomic<int> sockets_to_fail{0};
 
 }  // namespace
 
-// Takes the place of the system's: some failures cannot be had from a real peer at will.
+// These take the place of the system's: some failures cannot be had from a real peer at will.
 extern "C" ssize_t send(int socket, const void* data, size_t length, int flags) {
     if (sends_to_fail > 0) {
         --sends_to_fail;
@@ -45,6 +45,15 @@ extern "C" ssize_t send(int socket, const void* data, size_t length, int flags) 
         return -1;
     }
     return syscall(SYS_sendto, socket, data, length, flags, nullptr, 0);
+}
+
+extern "C" int socket(int domain, int type, int protocol) noexcept {
+    if (sockets_to_fail > 0) {
+        --sockets_to_fail;
+        errno = EMFILE;
+        return -1;
+    }
+    return static_cast<int>(syscall(SYS_socket, domain, type, protocol));
 }
 
 namespace kelo::test {
@@ -168,7 +177,7 @@ std::string ImageMessage(uint32_t image, const std::string& data) {
 class TcpStreamTest : public testing::Test {
 protected:
     TcpStreamTest() { front_->InitCamera(kCamera, 1, 1, listener_.Port()); }
-    ~TcpStreamTest() override { sends_to_fail = 0; }
+    ~TcpStreamTest() override { sends_to_fail = sockets_to_fail = 0; }
 
     void InitStream(uint32_t frame_size = kFrameSize, uint8_t stream = kStream) {
         front_->InitStream(kCamera, stream, 0x11, 0x22, 0x133, frame_size);
@@ -257,13 +266,10 @@ TEST_F(TcpStreamTest, RefusedConnectionIsTriedTwentyTimesWithoutLosingADescripto
 }
 
 TEST_F(TcpStreamTest, SocketThatCannotBeMadeIsLogged) {
-    rlimit limit{};
-    getrlimit(RLIMIT_NOFILE, &limit);
-    const rlimit none{0, limit.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &none);
+    sockets_to_fail = 19;
     InitStream();
-    setrlimit(RLIMIT_NOFILE, &limit);
-    EXPECT_EQ(log_.Count("tcp_connect: ERROR opening socket"), 20u);
+    listener_.Accept();
+    EXPECT_EQ(log_.Count("tcp_connect: ERROR opening socket"), 19u);
 }
 
 TEST_F(TcpStreamTest, OpeningThatCannotBeSentIsTriedAgain) {

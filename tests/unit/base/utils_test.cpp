@@ -379,6 +379,22 @@ TEST(Crc32Test, UsesEveryEntryOfTheTable) {
     }
 }
 
+TEST(Crc32Test, EqualsTheDivisionBitByBitAtEveryLengthAndAlignment) {
+    std::array<uint8_t, 64> bytes{};
+    for (size_t i = 0; i < bytes.size(); ++i)
+        bytes[i] = static_cast<uint8_t>(i * 37 + 11);
+    for (uint32_t begin = 0; begin < 9; ++begin) {
+        uint32_t expected = kFirmwareStart;
+        for (uint32_t length = 0; begin + length < bytes.size(); ++length) {
+            ASSERT_EQ(expected, kelo_crc32(kFirmwareStart, bytes.data() + begin, length)) << length;
+            expected ^= bytes[begin + length];
+            for (int bit = 0; bit < 8; ++bit) {
+                expected = (expected >> 1) ^ (0xEDB88320u & (0u - (expected & 1)));
+            }
+        }
+    }
+}
+
 TEST(Crc32Test, OverNothingIsTheStartValue) {
     const uint8_t byte = 1;
     EXPECT_EQ(0x12345678u, kelo_crc32(0x12345678, &byte, 0));

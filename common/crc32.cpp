@@ -1,6 +1,7 @@
 #include "crc32.h"
 
 #include <array>
+#include <cstddef>
 
 namespace {
 

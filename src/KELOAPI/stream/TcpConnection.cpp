@@ -30,8 +30,15 @@ void gracefullyCloseTcpSocket(FileDescriptor socket) {
     if (!socket.IsOpen()) return;
     shutdown(socket.Get(), SHUT_RDWR);
     std::array<std::byte, 65536> scratch;
+    bool is_peer_sending = false;
     while (recv(socket.Get(), scratch.data(), scratch.size(), MSG_DONTWAIT) >= 1) {
+        is_peer_sending = true;
     }
+    if (!is_peer_sending) return;
+    // The peer may be waiting for room, and the system does not tell it that there is some again:
+    // only a reset keeps it from waiting for minutes.
+    const linger reset_on_close{.l_onoff = 1, .l_linger = 0};
+    setsockopt(socket.Get(), SOL_SOCKET, SO_LINGER, &reset_on_close, sizeof(reset_on_close));
 }
 
 bool connectTcpSocket(const FileDescriptor& socket, uint32_t ip, uint16_t port, int limit_ms,

@@ -7,8 +7,8 @@
 
 #include "FileDescriptor.h"
 
-// Shuts the socket down in both directions, takes what has already arrived, and closes it: closing
-// with unread data would make the system throw away what the peer has not read yet.
+// Shuts the socket down in both directions, takes what has already arrived, and closes it. A peer
+// that was still sending is told at once that nobody reads any more.
 void gracefullyCloseTcpSocket(FileDescriptor socket);
 
 // Waits up to limit_ms for a TCP connection to ip:port (host order) and looks every 10 ms whether

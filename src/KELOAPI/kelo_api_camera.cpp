@@ -9,7 +9,7 @@
 KELO_API_STATUS keloGetCameraInfo(CAM_HANDLE camera_id, EXT_CAM_INFO* extCamInfo) {
     return kelo::WithCamera(camera_id, KELO_STATUS_ERROR, [&](const auto& camera) {
         if (extCamInfo == nullptr) return KELO_STATUS_ERROR;
-        const CAM_INFO& info = *camera->camInfo();
+        const CAM_INFO& info = camera->Identity();
         constexpr size_t kDescriptionLength = sizeof(info.hardware_description);
         std::copy_n(info.hardware_description, kDescriptionLength, extCamInfo->description);
         extCamInfo->description[kDescriptionLength] = 0;

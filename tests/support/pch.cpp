@@ -1,2 +1,4 @@
 // The precompiled header of the tests needs a program to belong to.
-int main() { return 0; }
+int main() {
+    return 0;
+}

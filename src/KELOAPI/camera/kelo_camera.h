@@ -74,7 +74,10 @@ public:
     void HeartbeatIsMissing();
 
     const CAM_INFO* camInfo();
-    uint32_t GetIP() const { return m_info.camera_ip; }
+    // The same without the video port, and without the session's lock: for callers that hold a lock
+    // which a reply to this session's request may be waiting for.
+    const CAM_INFO& Identity() const { return identity; }
+    uint32_t GetIP() const { return identity.camera_ip; }
     CAM_HANDLE GetId() const { return m_id; }
     const std::shared_ptr<ReplyIntake>& Intake() const { return intake; }
 
@@ -175,8 +178,10 @@ private:
     const TPacketCommunicator::Ptr m_packetCommunicator;  // null: requests fail at once
     const std::shared_ptr<ReplyIntake> intake;
 
-    // Guarded by Mutex. The identity in m_info never changes; only video_port is written.
-    CAM_INFO m_info;
+    const CAM_INFO identity;
+
+    // Guarded by Mutex.
+    CAM_INFO m_info;  // the identity, and the video port
     uint8_t m_usedStreams = 0;
     uint8_t m_MaxStreams = 0;
     uint32_t m_tcp_port = 0;

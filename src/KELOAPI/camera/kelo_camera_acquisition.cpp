@@ -48,7 +48,7 @@ KELO_API_STATUS KELOCamera::StartAcquisition() {
         kelo::Sleep(kReceiversMissingPauseMs);
         return KELO_STATUS_ERROR;
     }
-    WithManager([&](KELOManager& manager) { manager.ResetStatistics(m_info.camera_ip); });
+    WithManager([&](KELOManager& manager) { manager.ResetStatistics(GetIP()); });
     const KELO_API_STATUS status = SetUpStreams();
     if (status != KELO_STATUS_SUCCESS) return status;
     return ActivateAcquisition();
@@ -65,7 +65,7 @@ KELO_API_STATUS KELOCamera::SetUpStreams() {
         const KELO_API_STATUS status = ReadStreamSetup(stream, static_cast<uint8_t>(mask), setup);
         if (status != KELO_STATUS_SUCCESS) return status;
         WithManager([&](KELOManager& manager) {
-            manager.InitStream(m_info.camera_ip, stream, setup.format, setup.header_format,
+            manager.InitStream(GetIP(), stream, setup.format, setup.header_format,
                                setup.header_size, setup.frame_size, setup.use_tcp);
         });
     }
@@ -138,7 +138,7 @@ KELO_API_STATUS KELOCamera::StopAcquisition() {
 uint32_t KELOCamera::GetPendingImageCount(uint8_t streamNumber) {
     if (!isOpened) return 0;
     return WithManager(uint32_t{0}, [&](KELOManager& manager) {
-        return manager.GetPendingCount(m_info.camera_ip, streamNumber);
+        return manager.GetPendingCount(GetIP(), streamNumber);
     });
 }
 
@@ -150,7 +150,7 @@ TImageBuffer* KELOCamera::GetNextImage(uint8_t streamNumber) {
 TImageBuffer* KELOCamera::GetNextImage(uint8_t streamNumber, int timeout_msec) {
     if (!isOpened) return nullptr;
     BufferInfo* image = WithManager(static_cast<BufferInfo*>(nullptr), [&](KELOManager& manager) {
-        return manager.GetImage(timeout_msec, m_info.camera_ip, streamNumber);
+        return manager.GetImage(timeout_msec, GetIP(), streamNumber);
     });
     return static_cast<TImageBuffer*>(image);
 }
@@ -174,21 +174,20 @@ TImageBuffer* KELOCamera::GetNextDecodedImage(uint8_t streamNumber, void* pDecod
 void KELOCamera::PopImage(uint8_t streamNumber, TImageBuffer* imageBuffer) {
     if (!isOpened || IsBufferEmpty(streamNumber)) return;
     const bool popped = WithManager(true, [&](KELOManager& manager) {
-        return manager.PopImage(m_info.camera_ip, streamNumber, imageBuffer);
+        return manager.PopImage(GetIP(), streamNumber, imageBuffer);
     });
     if (!popped) kelo::Log("KELOCamera::PopImage failed\n");
 }
 
 void KELOCamera::ClearBuffer(uint8_t streamNumber) {
     if (!isOpened) return;
-    WithManager([&](KELOManager& manager) { manager.ClearBuffer(m_info.camera_ip, streamNumber); });
+    WithManager([&](KELOManager& manager) { manager.ClearBuffer(GetIP(), streamNumber); });
 }
 
 bool KELOCamera::IsBufferEmpty(uint8_t streamNumber) {
     if (!isOpened) return true;
-    return WithManager(true, [&](KELOManager& manager) {
-        return manager.IsBufferEmpty(m_info.camera_ip, streamNumber);
-    });
+    return WithManager(
+        true, [&](KELOManager& manager) { return manager.IsBufferEmpty(GetIP(), streamNumber); });
 }
 
 void KELOCamera::SetBufferSize(uint32_t bufferSize) {

@@ -36,7 +36,7 @@ uint32_t WireAddress(uint32_t reg_num) {
 
 void KELOCamera::vc_send(const void* udp_payload, int length) {
     // What could not be sent is not answered either: the retries see to it.
-    (void)m_packetCommunicator->Send(m_info.camera_ip, CAMERA_CONTROL_PORT, udp_payload, length);
+    (void)m_packetCommunicator->Send(GetIP(), CAMERA_CONTROL_PORT, udp_payload, length);
     heartbeat_last_send_time = vc_get_time_msec();
 }
 

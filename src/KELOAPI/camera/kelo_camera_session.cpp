@@ -61,6 +61,7 @@ KELOCamera::KELOCamera(KELOManager* manager, CAM_HANDLE id, const CAM_INFO& info
       directory(manager != nullptr ? manager->Sessions() : nullptr),
       m_packetCommunicator(std::move(packetCommunicator)),
       intake(std::make_shared<ReplyIntake>(info.camera_ip)),
+      identity(info),
       m_info(info),
       m_heartbeat_timeout(kDefaultHeartbeatTimeoutMs),
       m_bufferSize(kDefaultBufferCount),
@@ -145,8 +146,7 @@ bool KELOCamera::RegisterStreams() {
 
     uint32_t stream_port = 0;
     WithManager([&](KELOManager& manager) {
-        manager.InitCamera(m_info.camera_ip, m_MaxStreams, m_bufferSize,
-                           static_cast<uint16_t>(m_tcp_port));
+        manager.InitCamera(GetIP(), m_MaxStreams, m_bufferSize, static_cast<uint16_t>(m_tcp_port));
         stream_port = manager.GetStreamPort();
     });
     if (setRegisterValue(REG_STREAMPORT, stream_port) != KELO_STATUS_SUCCESS) return false;
@@ -203,7 +203,7 @@ void KELOCamera::doClose(bool do_notify_the_app) {
         WithManager([&](KELOManager& manager) { manager.AddCallbackRequest(m_id, closeEvent); });
     }
     WithManager([&](KELOManager& manager) {
-        if (manager.IsImageStreamReceiverReady()) manager.ExitCamera(m_info.camera_ip);
+        if (manager.IsImageStreamReceiverReady()) manager.ExitCamera(GetIP());
     });
 }
 

@@ -109,7 +109,7 @@ TPacketCommunicator::Ptr KELOManager::FindTransport(uint32_t ip) {
 // Takes the cameras that did not answer, or not unchanged, out of the registry.
 void KELOManager::TakeVanished(Sessions_t& dropped) {
     std::erase_if(CameraMapList, [&](const auto& entry) {
-        const CAM_INFO& known = *entry.second->camInfo();
+        const CAM_INFO& known = entry.second->Identity();
         const bool answered =
             std::any_of(discovery_responses.begin(), discovery_responses.end(),
                         [&](const auto& response) { return SameIdentity(response.first, known); });
@@ -136,7 +136,7 @@ void KELOManager::LogCameras() {
               PluralEnding(CameraMapList.size()));
     int index = 0;
     for (const auto& [handle, camera] : CameraMapList) {
-        const CAM_INFO& info = *camera->camInfo();
+        const CAM_INFO& info = camera->Identity();
         const uint32_t ip = info.camera_ip;
         kelo::Log("Camera %d (handle 0x%08x): %.*s @ %d.%d.%d.%d\n", index++, handle,
                   static_cast<int>(sizeof(info.hardware_description)), info.hardware_description,
@@ -179,7 +179,7 @@ KELO_API_STATUS KELOManager::setCameraIP(CAM_HANDLE handle, uint32_t new_ip, uin
         const kelo::TScopedLock lock(CameraListMutex, "KELOManager::setCameraIP");
         CameraMapList.erase(handle);
     }
-    const CAM_INFO info = *camera->camInfo();
+    const CAM_INFO& info = camera->Identity();
     // An open session is closed while the camera still has the address that it talks to.
     if (camera->IsOpened()) camera->doClose(true);
 

@@ -83,6 +83,38 @@ TEST_F(Discovery, AKnownCameraKeepsItsSession) {
     EXPECT_EQ(manager->FindIp(kCamera), session);
 }
 
+// A reply needs the registry's lock to find its session: a discovery that waited for the session
+// while it holds that lock would make every request under way fail.
+TEST_F(Discovery, DoesNotWaitForASessionWithARequestUnderWay) {
+    UDPSocket camera(kCamera, 6061);
+    const Bytes identity = DiscoveryReply(kCamera, "Camera");
+    std::thread answer([&] {
+        uint32_t ip = 0;
+        uint16_t port = 0;
+        NextDatagram(&ip, &port);
+        camera.sendto(identity.data(), identity.size(), ip, port);
+    });
+    EXPECT_EQ(manager->Discover(0, 500), 1u);
+    answer.join();
+    const auto session = manager->FindIp(kCamera);
+    ASSERT_NE(session, nullptr);
+
+    uint32_t value = 0;
+    KELO_API_STATUS status = KELO_STATUS_ERROR;
+    std::thread reader([&] { status = session->getRegisterValue(2, value); });
+    // The session waits for its answer from here on.
+    EXPECT_EQ(camera.waitReadable(5000), 1);
+    Receive(identity);
+    EXPECT_EQ(manager->Discover(0, 0), 1u);
+    Bytes reply = Header(5, session->Intake()->LastMessageNumber());
+    Append32(reply, 8);
+    Append32(reply, 4711);
+    Receive(reply);
+    reader.join();
+    EXPECT_EQ(status, KELO_STATUS_SUCCESS);
+    EXPECT_EQ(value, 4711u);
+}
+
 struct Change {
     const char* description;
     uint32_t mask;

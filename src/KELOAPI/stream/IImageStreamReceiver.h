@@ -41,11 +41,12 @@ public:
     virtual uint16_t GetStreamPort() = 0;
 
     // A camera is being closed: from here to EndClosing nobody waits for its images, and no
-    // connection to it is attempted or waited for. Its present streams never wait again.
-    virtual void BeginClosing(uint32_t ip) = 0;
-    virtual void EndClosing(uint32_t ip) = 0;
+    // connection to it is attempted or waited for. Its present streams never wait again. For
+    // receivers that wait; the others need none of the three.
+    virtual void BeginClosing(uint32_t /*ip*/) {}
+    virtual void EndClosing(uint32_t /*ip*/) {}
     // The library is being released: the same for every camera, for good.
-    virtual void EndAllWaits() = 0;
+    virtual void EndAllWaits() {}
 };
 
 // Stands for the absence of a receiver of a kind: every operation does nothing.
@@ -63,9 +64,6 @@ public:
     void ResetStatistics(uint32_t) override {}
     bool IsBufferEmpty(uint32_t, uint8_t) override { return false; }
     uint16_t GetStreamPort() override { return 0; }
-    void BeginClosing(uint32_t) override {}
-    void EndClosing(uint32_t) override {}
-    void EndAllWaits() override {}
 
     bool IsAvailable() { return false; }
 };

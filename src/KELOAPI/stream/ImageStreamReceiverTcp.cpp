@@ -11,7 +11,9 @@ void ImageStreamReceiverTcp::InitStream(uint32_t ip, uint8_t number, uint8_t str
                                         uint32_t maxFrameSize) {
     const uint16_t port = tcpPort(ip);
     startStream(ip, number, [&](StreamReceiverTcp& stream) {
-        stream.InitStream(streamFormat, headerFormat, headerSize, maxFrameSize, port);
+        stream.InitStream(streamFormat, headerFormat, headerSize, maxFrameSize);
+        // Closing that begins from here on ends the attempts of this stream.
+        if (!IsClosing(ip)) stream.ensureTcpConnection(port);
     });
 }
 

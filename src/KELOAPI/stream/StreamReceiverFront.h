@@ -102,11 +102,11 @@ protected:
     }
 
     // Runs start(stream) without a lock, on the stream of that number or on a new one, which is
-    // listed when it has started. Closing ends the waits also of a stream that is starting; such a
-    // stream is not listed any more, as nobody would remove it.
+    // listed when it has started. Closing also ends the waits of a stream that is starting: that
+    // one is not listed, as its camera may already have been forgotten.
     template <typename Start>
     void startStream(uint32_t ip, uint8_t number, const Start& start) {
-        if (const StreamPtr known = findStream(ip, number)) {
+        if (const StreamPtr known = findLiveStream(ip, number)) {
             start(*known);
             return;
         }
@@ -115,6 +115,11 @@ protected:
         start(*made);
         const std::lock_guard lock(mutex_streams);
         if (!made->WaitsEnded() && findLocked(ip, number) == nullptr) streams.push_back(made);
+    }
+
+    bool IsClosing(uint32_t ip) {
+        const std::lock_guard lock(mutex_streams);
+        return isClosing(ip);
     }
 
     std::mutex mutex_streams;
@@ -128,7 +133,6 @@ private:
             : front_(front), stream_(std::move(stream)) {
             const std::lock_guard lock(front_.mutex_streams);
             front_.starting.push_back(stream_);
-            if (front_.isClosing(stream_->ip_address)) stream_->EndWaits();
         }
         ~Starting() {
             const std::lock_guard lock(front_.mutex_streams);
@@ -141,6 +145,17 @@ private:
         StreamReceiverFront& front_;
         const StreamPtr stream_;
     };
+
+    // The stream, unless its camera has been closed since it was made: its waits have ended for
+    // good, so it gives way to a new one.
+    StreamPtr findLiveStream(uint32_t ip, uint8_t number) {
+        StreamPtr stream;
+        const std::lock_guard lock(mutex_streams);
+        stream = findLocked(ip, number);
+        if (stream == nullptr || !stream->WaitsEnded() || isClosing(ip)) return stream;
+        std::erase(streams, stream);
+        return nullptr;
+    }
 
     // The rest: with mutex_streams held.
     StreamPtr findLocked(uint32_t ip, uint8_t number) const {

@@ -46,15 +46,12 @@ StreamReceiverTcp::~StreamReceiverTcp() {
 }
 
 void StreamReceiverTcp::InitStream(uint8_t stream_format, uint8_t header_format,
-                                   uint32_t header_size, uint32_t frame_size_max, uint16_t port) {
-    {
-        const std::lock_guard lock(onrcv_mutex);
-        headerSize = header_size;
-        streamFormat = stream_format;
-        headerFormat = header_format;
-        maxFrameSize = frame_size_max;
-    }
-    ensureTcpConnection(port);
+                                   uint32_t header_size, uint32_t frame_size_max) {
+    const std::lock_guard lock(onrcv_mutex);
+    headerSize = header_size;
+    streamFormat = stream_format;
+    headerFormat = header_format;
+    maxFrameSize = frame_size_max;
 }
 
 void StreamReceiverTcp::ensureTcpConnection(uint16_t port) {
@@ -186,11 +183,12 @@ bool StreamReceiverTcp::receiveImage(uint32_t size) {
     THeaderImage header{};
     // A message too short for the header is passed over, so that the next one is read in step.
     const bool is_too_short = size < sizeof(header);
-    const Received received = is_too_short ? skip(size) : tcpReceiveAll(&header, sizeof(header));
+    const Received received =
+        is_too_short ? Received::Failed : tcpReceiveAll(&header, sizeof(header));
     if (received == Received::Ended) return false;
-    if (is_too_short || received == Received::Failed) {
+    if (received == Received::Failed) {
         kelo::Log("TCP: stream %d: Failed to transfer image header through TCP\n", stream_number);
-        return true;
+        return is_too_short ? skip(size) != Received::Ended : true;
     }
 
     const uint32_t length = size - uint32_t{sizeof(header)};

@@ -16,7 +16,7 @@
 // Receives one camera's stream over a TCP connection of its own: a reader thread turns each image
 // message into a finished image.
 //
-// A connection is made by the thread that calls InitStream and handed over to the reader thread,
+// A connection is made by the thread that starts the stream and handed over to the reader thread,
 // which alone reads and closes it. Other threads touch the socket only under mutexSocketReady,
 // where its number is valid: they probe it or shut it down to wake the reader. The reader reads a
 // connection to its end, also when the next one is already waiting.
@@ -29,10 +29,13 @@ public:
     StreamReceiverTcp(uint32_t ip, uint8_t stream_number);
     ~StreamReceiverTcp();
 
-    // Takes the parameters for the images to come and sees to it that there is a connection to the
-    // camera's port. Nothing is flushed. The outcome shows in the log only; EndWaits ends it soon.
+    // Takes the parameters for the images to come. Nothing is flushed.
     void InitStream(uint8_t streamFormat, uint8_t headerFormat, uint32_t headerSize,
-                    uint32_t maxFrameSize, uint16_t port);
+                    uint32_t maxFrameSize);
+
+    // Sees to it that there is a connection to the camera's port. May take many attempts, which
+    // EndWaits ends soon; the outcome shows in the log only.
+    void ensureTcpConnection(uint16_t port);
 
     // Whether a liveness message can be sent on the socket. A peer that does not read is alive.
     static bool is_tcp_connected(int socket, uint8_t stream);
@@ -49,7 +52,6 @@ private:
     };
 
     // The connecting side.
-    void ensureTcpConnection(uint16_t port);
     bool isConnectionUp();
     TcpConnection tcp_connect(uint32_t ip, uint16_t port);
     void handOver(TcpConnection connection);

@@ -512,7 +512,7 @@ TEST_F(StreamReceiverTest, EndOfWaitsEndsAllOfThemForGood) {
     stream_.EndWaits();
     EXPECT_EQ(first.Get(), nullptr);
     EXPECT_EQ(behind_it.Get(), nullptr);
-    EXPECT_EQ(stream_.GetImage(60000), nullptr);
+    EXPECT_TRUE(IsNullAtOnce([&] { return stream_.GetImage(60000); }));
     SendRange(1, 0, 0, 1);
     EXPECT_NE(stream_.GetImage(60000), nullptr);
 }

@@ -8,6 +8,7 @@
 #include <string>
 #include <thread>
 
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include "wait_for.h"
@@ -32,7 +33,11 @@ public:
     bool Returns(std::chrono::milliseconds limit = std::chrono::seconds(20)) {
         return result_.wait_for(limit) == std::future_status::ready;
     }
-    Result Get() { return result_.get(); }
+    // What it returned, well before its own time would be over.
+    Result Get() {
+        EXPECT_TRUE(Returns());
+        return result_.get();
+    }
 
 private:
     char State() const {
@@ -46,5 +51,12 @@ private:
     std::atomic<pid_t> thread_{0};
     std::future<Result> result_;
 };
+
+// Whether the call, which might wait for a minute, returns null without waiting.
+template <typename Call>
+bool IsNullAtOnce(const Call& call) {
+    const auto begin = std::chrono::steady_clock::now();
+    return call() == nullptr && std::chrono::steady_clock::now() - begin < std::chrono::seconds(10);
+}
 
 }  // namespace kelo::test

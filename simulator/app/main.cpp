@@ -29,7 +29,10 @@ int OpenSignals() {
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    sigset_t blocked = signals;
+    // In the background of a terminal, reading it fails instead of stopping the program.
+    sigaddset(&blocked, SIGTTIN);
+    pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
     return signalfd(-1, &signals, SFD_CLOEXEC);
 }
 

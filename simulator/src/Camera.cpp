@@ -455,7 +455,7 @@ void Camera::Impl::ClearRequests() {
 
 bool Camera::Impl::acquiring() const {
     return std::any_of(streams_.begin(), streams_.end(),
-                       [](const auto& stream) { return stream->acquiring(); });
+                       [](const auto& stream) { return stream->active(); });
 }
 
 bool Camera::Impl::used() const {

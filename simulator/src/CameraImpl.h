@@ -99,6 +99,7 @@ private:
     void ApplyAcceptMode();
 
     // Acquisition (CameraRequests.cpp), with the lock held.
+    bool Started() const;
     StreamPlan PlanFor(size_t stream) const;
     void UpdatePlans();
     void StartAcquisition();

@@ -269,8 +269,13 @@ uint32_t Camera::Impl::WriteStart() {
         return kError;
     }
     // A start that is asked for again, because its answer got lost, starts nothing anew.
-    if (!acquiring()) StartAcquisition();
+    if (!Started()) StartAcquisition();
     return kSuccess;
+}
+
+bool Camera::Impl::Started() const {
+    return std::any_of(streams_.begin(), streams_.end(),
+                       [](const auto& stream) { return stream->acquiring(); });
 }
 
 StreamPlan Camera::Impl::PlanFor(size_t stream) const {
@@ -306,7 +311,7 @@ void Camera::Impl::StartAcquisition() {
 }
 
 void Camera::Impl::StopAcquisition() {
-    if (acquiring()) Emit("acquisition stops");
+    if (Started()) Emit("acquisition stops");
     for (const auto& stream : streams_)
         stream->Stop();
 }

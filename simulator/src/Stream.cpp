@@ -118,6 +118,11 @@ bool Stream::acquiring() const {
     return acquiring_;
 }
 
+bool Stream::active() const {
+    std::lock_guard lock(mutex_);
+    return acquiring_ || busy_;
+}
+
 StreamCounters Stream::counters() const {
     std::lock_guard lock(mutex_);
     return counters_;
@@ -156,7 +161,6 @@ bool Stream::WaitForNextImage(Lock& lock) {
     return false;
 }
 
-// Packets that faults delay must not wait for the next acquisition.
 void Stream::FlushHeld() {
     const SendTally tally = aborted_ ? SendTally{} : sender_->Flush(plan_.route);
     counters_.packets += tally.packets;
@@ -189,6 +193,8 @@ void Stream::SendImage(Lock& lock) {
     const bool last = acquisition == acquisition_ && acquiring_ && plan_.image_count != 0 &&
                       images_made_ >= plan_.image_count;
     if (last) acquiring_ = false;
+    // Packets that faults delay must not wait for the next acquisition.
+    if (!acquiring_ && sender_) FlushHeld();
     busy_ = false;
     idle_.notify_all();
     if (!last) return;

@@ -51,7 +51,10 @@ public:
     // The connection over which images are to leave from now on; an earlier one is closed.
     void Connect(TcpConnectionPtr connection);
 
+    // Started and not stopped.
     bool acquiring() const;
+    // Whether an image is on its way or will be.
+    bool active() const;
     StreamCounters counters() const;
 
 private:

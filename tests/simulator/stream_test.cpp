@@ -9,6 +9,7 @@
 #include <png.h>
 
 #include "kelo_registers.h"
+#include "network_namespace.h"
 #include "wait_for.h"
 #include "wire_client.h"
 
@@ -42,6 +43,11 @@ protected:
         return camera;
     }
     void Acquire() { client.Set(kAddress, REG_ACQUISITIONSTART, 0xFFFFFFFF); }
+    // Until everything has left the camera, hence waits in the socket.
+    void AcquireAll() {
+        Acquire();
+        ASSERT_TRUE(WaitFor([&] { return !simulator[0].acquiring(); }));
+    }
     void StopAcquiring() { client.Set(kAddress, REG_ACQUISITIONSTOP, 0xFFFFFFFF); }
 
     UdpClient client;
@@ -121,8 +127,8 @@ TEST_F(StreamTest, StopEndsTheStream) {
     Acquire();
     ASSERT_EQ(ReceiveImages(images, 2).size(), 2u);
     StopAcquiring();
-    EXPECT_FALSE(camera.acquiring());
-    while (!images.Receive(50).empty()) {
+    ASSERT_TRUE(WaitFor([&] { return !camera.acquiring(); }));
+    while (!images.Receive(0).empty()) {
     }
     const uint64_t sent = camera.counters().streams[0].images;
     EXPECT_TRUE(images.Receive(50).empty());
@@ -141,7 +147,7 @@ TEST_F(StreamTest, FrameRateIsKept) {
 
 TEST_F(StreamTest, FrameRateRegisterIsInThousandthsOfAnImagePerSecond) {
     Camera& camera = Run({Small(0, 100)});
-    client.Set(kAddress, REG_FRAMERATE, 1000);
+    client.Set(kAddress, REG_FRAMERATE, 10);
     Acquire();
     EXPECT_FALSE(images.Receive().empty());
     EXPECT_TRUE(images.Receive(100).empty());
@@ -163,9 +169,9 @@ TEST_F(StreamTest, BandwidthLimitSlowsAnImageDown) {
 TEST_F(StreamTest, AcquisitionFramesRegisterLimitsAllStreams) {
     Camera& camera = Run({Small(0, 100)});
     client.Set(kAddress, REG_ACQUISITIONFRAMES, 2);
-    Acquire();
+    AcquireAll();
     EXPECT_EQ(ReceiveImages(images, 3, 50).size(), 2u);
-    EXPECT_FALSE(camera.acquiring());
+    EXPECT_EQ(camera.counters().streams[0].images, 2u);
 }
 
 TEST_F(StreamTest, TriggerModeSendsOneImagePerTrigger) {
@@ -287,8 +293,8 @@ TEST_F(StreamTest, ListedPacketsAreDroppedDuplicatedDelayedAndReordered) {
                       {Kind::kReorder, 5, 5, {}}};
     const StreamConfig stream = Small(5);  // of 7 packets
     Camera& camera = Run({stream}, faults);
-    Acquire();
-    auto received = ReceiveImages(images, 5, 200);
+    AcquireAll();
+    auto received = ReceiveImages(images, 5, 20);
     EXPECT_EQ(received[1].order, Sequence(7));
     EXPECT_THAT(received[2].order, ElementsAre(0, 2, 3, 4, 5, 6));
     EXPECT_THAT(received[3].order, ElementsAre(0, 1, 2, 2, 3, 4, 5, 6));
@@ -312,8 +318,8 @@ TEST_F(StreamTest, WholeImagesCanBeDropped) {
     Faults faults;
     faults.packets = {{PacketFault::Kind::kDrop, 2, {}, {}}};
     Run({Small(3, 100)}, faults);
-    Acquire();
-    const auto received = ReceiveImages(images, 3, 100);
+    AcquireAll();
+    const auto received = ReceiveImages(images, 3, 20);
     EXPECT_EQ(received.size(), 2u);
     EXPECT_EQ(received.count(2), 0u);
 }
@@ -332,7 +338,8 @@ TEST_F(StreamTest, FaultsByRateAreRepeatable) {
         other.Start();
         client.Set(config.address, REG_STREAMPORT, images.port());
         client.Set(config.address, REG_ACQUISITIONSTART, 1);
-        for (Bytes packet = images.Receive(); !packet.empty(); packet = images.Receive(50)) {
+        ASSERT_TRUE(WaitFor([&] { return !other[0].acquiring(); }));
+        for (Bytes packet = images.Receive(); !packet.empty(); packet = images.Receive(20)) {
             orders[run].push_back(Be32At(packet, 2) << 16 | Be16At(packet, 6));
         }
     }
@@ -351,8 +358,7 @@ TEST_F(StreamTest, AnotherSeedHarmsOtherPackets) {
             faults.seed = seed;
             faults.drop_rate = 0.3;
         });
-        Acquire();
-        ASSERT_TRUE(WaitFor([&] { return !camera.acquiring(); }));
+        AcquireAll();
         size_t hash = 0;
         for (Bytes packet = images.Receive(50); !packet.empty(); packet = images.Receive(20)) {
             hash = hash * 31 + Be16At(packet, 6);
@@ -404,10 +410,32 @@ TEST_F(StreamTest, PacketsLargerThanThePathGetLost) {
     Camera& camera = Run({Small(1)});
     client.Set(kAddress, REG_MTU, 4000);
     camera.SetPathPacketSize(3000);
-    Acquire();
-    auto received = ReceiveImages(images, 1, 100);
+    AcquireAll();
+    auto received = ReceiveImages(images, 1, 20);
     EXPECT_THAT(received[1].order, ElementsAre(2));  // the last one is small
     EXPECT_EQ(camera.counters().streams[0].packets_dropped, 2u);
+}
+
+// An interface that is too small for the packets also makes the kernel refuse to segment: from then
+// on datagrams leave one by one.
+TEST_F(StreamTest, GoesOnWithoutSegmentation) {
+    if (!kelo::test::InPrivateNetwork()) GTEST_SKIP() << "needs a network namespace";
+    const StreamConfig stream = Small(0, 30000);
+    Camera& camera = Run({stream});
+    kelo::test::Ip("link set lo mtu 4074");
+    client.Set(kAddress, REG_TRIGGERMODE, 1);
+    client.Set(kAddress, REG_MTU, 9000);
+    Acquire();
+    camera.Trigger();
+    ASSERT_TRUE(WaitFor([&] { return camera.counters().streams[0].images == 1; }));
+    auto received = ReceiveImages(images, 1, 20);
+    EXPECT_THAT(received[1].order, ElementsAre(3));  // the last one is small
+    client.Set(kAddress, REG_MTU, 4074);
+    camera.Trigger();
+    received = ReceiveImages(images, 1);
+    EXPECT_EQ(received[2].Data(), stream.Frame(2));
+    EXPECT_EQ(camera.counters().streams[0].packets_dropped, 3u);
+    kelo::test::Ip("link set lo mtu 65536");
 }
 
 TEST_F(StreamTest, SilentCameraPausesItsStreams) {

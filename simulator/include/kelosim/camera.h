@@ -96,7 +96,9 @@ struct ControlRequest {
 };
 
 // A simulated camera: control channel, image streams, flash. Owned by its Simulator; every function
-// may be called from any thread while the simulator exists, also from inside an event callback.
+// may be called from any thread while the simulator exists. From inside an event callback only the
+// camera that the event is about may be switched off and on, moved, or have its connections
+// changed.
 //
 // Its control thread owns its sockets and answers requests; one thread per stream sends images.
 class Camera {
@@ -136,6 +138,7 @@ public:
     std::vector<ControlRequest> Requests() const;
     void ClearRequests();
 
+    // Whether images leave, or will as soon as they may; false means that all have left.
     bool acquiring() const;
     bool used() const;
     bool powered() const;

@@ -18,6 +18,9 @@ using EventSink = std::function<void(const std::string& line)>;
 //   kelosim::Simulator simulator;
 //   kelosim::Camera& camera = simulator.Add({});   // 127.0.0.11
 //   simulator.Start();
+//
+// Threads begin in Add and Start: a simulator that is to live in another network namespace is made
+// by a thread that is in there for both.
 class Simulator {
 public:
     // The events come from the cameras' threads, one call at a time.

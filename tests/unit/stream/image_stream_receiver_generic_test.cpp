@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "ImageStreamReceiverGeneric.h"
+#include "TPacketCommunicatorUDPSocket.h"
 #include "log_capture.h"
 #include "stream_wire.h"
 #include "waiting_call.h"
@@ -325,6 +326,42 @@ TEST_F(UdpFrontWaitTest, StreamsComeAndGoWhileDatagramsArrive) {
     done = true;
     network.join();
     application.join();
+}
+
+// ---- With the transport that the library uses
+
+TEST(UdpFrontSocketTest, ImageArrivesOnThePortThatTheSystemChose) {
+    constexpr uint32_t kLoopback = 0x7F000001;
+    ImageStreamReceiverGeneric<TPacketCommunicatorUDPSocket> front;
+    front.Init();
+    front.InitStream(kLoopback, 0, 0, 0, 0, 16);
+    ASSERT_NE(front.GetStreamPort(), 0);
+    UDPSocket camera(kLoopback, 0);
+    const std::string packet = ImagePacket{.image = 8, .payload = "socket", .stream = 0}.Bytes();
+    camera.sendto(packet.data(), packet.size(), kLoopback, front.GetStreamPort());
+    const BufferInfo* image = front.GetImage(kLongMs, kLoopback, 0);
+    ASSERT_NE(image, nullptr);
+    EXPECT_EQ(Data(*image, 6), "socket");
+}
+
+TEST(NullImageStreamReceiverTest, EveryOperationDoesNothing) {
+    NullImageStreamReceiver none;
+    none.Exit();
+    none.ExitCamera(kCamera);
+    none.ClearBuffer(kCamera, 0);
+    none.InitStream(kCamera, 0, 0, 0, 0, 16);
+    none.ResetStatistics(kCamera);
+    none.BeginClosing(kCamera);
+    none.EndClosing(kCamera);
+    none.EndAllWaits();
+    EXPECT_FALSE(none.IsAvailable());
+    EXPECT_FALSE(none.Init());
+    EXPECT_FALSE(none.InitCamera(kCamera, 1, 1, 1));
+    EXPECT_EQ(none.GetPendingCount(kCamera, 0), 0u);
+    EXPECT_FALSE(none.PopImage(kCamera, 0, nullptr));
+    EXPECT_EQ(none.GetImage(kLongMs, kCamera, 0), nullptr);
+    EXPECT_FALSE(none.IsBufferEmpty(kCamera, 0));
+    EXPECT_EQ(none.GetStreamPort(), 0);
 }
 
 }  // namespace

@@ -35,6 +35,7 @@ uint32_t WireAddress(uint32_t reg_num) {
 }  // namespace
 
 void KELOCamera::vc_send(const void* udp_payload, int length) {
+    if (m_packetCommunicator == nullptr) return;
     // What could not be sent is not answered either: the retries see to it.
     (void)m_packetCommunicator->Send(GetIP(), CAMERA_CONTROL_PORT, udp_payload, length);
     heartbeat_last_send_time = vc_get_time_msec();
@@ -137,6 +138,8 @@ KELO_API_STATUS KELOCamera::readMemory(uint32_t start_reg_num, uint32_t& count, 
         vc_send(&command, sizeof(command));
     });
     if (response.Status != KELO_STATUS_SUCCESS) return response.Status;
+    // Only a reply of another kind, whose count nothing has bounded, can claim more than it holds.
+    if (response.Count > MAX_MEMORY_REGISTERS) return KELO_STATUS_ERROR;
     if (count < response.Count) {
         kelo::ShowMessage("Bug?",
                           "ERROR: readMemory(uint32_t start_reg_num, uint32_t &count, uint32_t "

@@ -249,6 +249,19 @@ TEST_F(Requests, AReplyThatClaimsTooManyRegistersIsAnAnswerLost) {
     EXPECT_EQ(log.Count("VC_READMEMORY_REPLY got bad NL_number_of_registers"), 1u);
 }
 
+TEST_F(Requests, AWriteReplyToAReadStoresNothing) {
+    fake.silent = true;
+    fake.on_request = [&](const SeenRequest& request) {
+        const Bytes reply = Datagram(11, request.number, 1, {0, 0x10000000});
+        camera.OnRcv(0, reply.data(), static_cast<int>(reply.size()), 0);
+    };
+    uint32_t count = 1;
+    uint32_t values[128] = {4711};
+    EXPECT_EQ(camera.readMemory(100, count, values), KELO_STATUS_ERROR);
+    EXPECT_EQ(count, 1u);
+    EXPECT_EQ(values[0], 4711u);
+}
+
 TEST(RequestsWithoutATransport, FailAtOnce) {
     KELOCamera camera(nullptr, 1, TestCamInfo(), nullptr);
     const LogCapture log;
@@ -259,6 +272,7 @@ TEST(RequestsWithoutATransport, FailAtOnce) {
     EXPECT_EQ(camera.setRegisterValue(1, value), KELO_STATUS_ERROR);
     EXPECT_EQ(camera.readMemory(1, count, &value), KELO_STATUS_ERROR);
     EXPECT_EQ(camera.writeMemory(1, count, &value, -1, nullptr), KELO_STATUS_ERROR);
+    camera.vc_send(&value, sizeof(value));
     EXPECT_LT(steady_clock::now() - begin, milliseconds(200));
 }
 

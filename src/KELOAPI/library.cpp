@@ -10,6 +10,9 @@ namespace {
 // How long a release waits for calls that are still inside. The application promises that there are
 // none; a wait for an image, which a release ends, takes a moment to return. A call that takes
 // longer keeps the manager until it returns, and destroys it then.
+//
+// A close callback is waited for however long it takes, as the manager's destruction waits for it
+// anyway: if its call were the last to leave, the callback thread would have to join itself.
 constexpr auto kLeaveTimeMax = std::chrono::milliseconds(250);
 constexpr auto kLeavePoll = std::chrono::microseconds(200);
 
@@ -26,7 +29,10 @@ State& TheState() {
 
 void WaitForCallsToLeave(const std::shared_ptr<KELOManager>& manager) {
     const auto deadline = std::chrono::steady_clock::now() + kLeaveTimeMax;
-    while (manager.use_count() > 1 && std::chrono::steady_clock::now() < deadline) {
+    const auto may_wait = [&] {
+        return std::chrono::steady_clock::now() < deadline || manager->IsInCallback();
+    };
+    while (manager.use_count() > 1 && may_wait()) {
         std::this_thread::sleep_for(kLeavePoll);
     }
 }

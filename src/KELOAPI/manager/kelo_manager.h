@@ -56,6 +56,8 @@ public:
     void BeginRelease();
     bool IsGoing() const { return IsBeingDestructed; }
     bool IsCallbackThread() const;
+    // Whether the application is being called, and may be inside the library again.
+    bool IsInCallback() const { return in_callback; }
 
     // ---- Registry (kelo_manager.cpp) ----
 
@@ -181,6 +183,7 @@ private:
     std::mutex mutex_callback_producers;  // the queue takes one producer at a time
     TSyncdQueue<TCallbackRequest> CallbackRequests;
     std::thread CallbackRequestsThread;
+    std::atomic<bool> in_callback{false};
     std::atomic<bool> CallbackRequestsThreadShouldBeStopped{false};
     const bool missingFilterDriver = false;
 };

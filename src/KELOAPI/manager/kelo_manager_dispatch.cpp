@@ -112,7 +112,9 @@ void KELOManager::ProcessCallbackRequests() {
         TCallbackRequest request;
         if (!CallbackRequests.Get(kCallbackWaitMs, request)) continue;
         if (request.Function == nullptr) continue;
+        in_callback = true;
         (void)request.Function(request.CamHandle);
+        in_callback = false;
         kelo::Log("Returned from the callback\n");
     }
 }

@@ -2,7 +2,9 @@
 #include <chrono>
 #include <thread>
 
+#include "library.h"
 #include "manager_fixture.h"
+#include "utils.h"
 
 namespace kelo::test {
 namespace {
@@ -92,6 +94,29 @@ TEST_F(Dispatch, CallbacksRunInTheOrderQueuedAlsoWhenTheQueueWasFull) {
     }
     ASSERT_TRUE(WaitFor([] { return calls == 3000; }));
     EXPECT_EQ(last_handle, 3000u);
+}
+
+std::atomic<bool> callback_inside{false};
+std::atomic<bool> callback_left{false};
+
+// Is inside the library, as with a call that waits for a dead camera, for longer than a release
+// waits for the calls of other threads.
+KELO_API_STATUS StayInside(CAM_HANDLE) {
+    const auto held = CurrentManager();
+    callback_inside = true;
+    EXPECT_TRUE(WaitFor([] { return CurrentManager() == nullptr; }));
+    Sleep(400);
+    callback_left = true;
+    return KELO_STATUS_SUCCESS;
+}
+
+TEST(Release, WaitsForACallbackThatIsInsideTheLibrary) {
+    const LogCapture log;
+    CreateManager();
+    CurrentManager()->AddCallbackRequest(1, &StayInside);
+    ASSERT_TRUE(WaitFor([] { return callback_inside.load(); }));
+    DestroyManager();
+    EXPECT_TRUE(callback_left);
 }
 
 TEST_F(Dispatch, AnIdleManagerIsStoppedQuickly) {

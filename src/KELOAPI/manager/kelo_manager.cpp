@@ -98,6 +98,9 @@ void KELOManager::RetireTransports() {
             if (auto held = transport.lock()) living.push_back(std::move(held));
         }
     }
+    // All are told before the first is waited for: each takes a moment to notice.
+    for (const auto& transport : living)
+        transport->BeginRetire();
     for (const auto& transport : living)
         transport->Retire();
 }

@@ -18,6 +18,7 @@
 #include "kelo_fw_client.h"
 #include "kelo_types.h"
 #include "reply_intake.h"
+#include "run_length.h"
 
 class KELOManager;
 
@@ -72,6 +73,12 @@ public:
     void HeartbeatStop();
     void HeartbeatRun();
     void HeartbeatIsMissing();
+    // The heartbeat thread's body: runs until the session is destroyed.
+    void HeartbeatThreadFunc();
+
+    // Whether the path carries packets of that size. Asks the camera to send one to u, which must
+    // not block; buffer is where it is received.
+    bool TestMTU(UDPSocket& u, std::vector<uint8_t>& buffer, uint32_t mtu);
 
     const CAM_INFO* camInfo();
     // The same without the video port, and without the session's lock: for callers that hold a lock
@@ -99,6 +106,12 @@ public:
     TResponse WaitForResponse(int msec, AbortFlag abort);
     void ResetResponses() { intake->ResetResponses(); }
 
+    // The steps that every request is made of. A session without a transport sends nothing.
+    void vc_send(const void* udp_payload, int length);
+    void vc_hearbeat_received();
+    void SideEffectsOnMemChange(uint32_t address_0, uint32_t count, const uint32_t* values,
+                                bool on_write);
+
     // ---- Acquisition and images (kelo_camera_acquisition.cpp) ----
 
     KELO_API_STATUS StartAcquisition();
@@ -116,6 +129,11 @@ public:
     bool IsBufferEmpty(uint8_t streamNumber);
     // 0 and 1 are ignored; takes effect at the next Open.
     void SetBufferSize(uint32_t bufferSize);
+    // See run_length.h.
+    static int DecodeRLE(void* pBuffer, const void* pRLEbuffer, int BufferSize,
+                         int RleMaxBufferSize) {
+        return ::DecodeRLE(pBuffer, pRLEbuffer, BufferSize, RleMaxBufferSize);
+    }
     // images_pending stays 0; nothing is set without an image.
     static EXT_CAM_STATS getStats(const TImageBuffer* imageBuffer);
 
@@ -144,8 +162,6 @@ private:
 
     bool RegisterStreams();
     KELO_API_STATUS NegotiatePacketSize(UDPSocket& test_socket, std::vector<uint8_t>& buffer);
-    bool TestMTU(UDPSocket& u, std::vector<uint8_t>& buffer, uint32_t mtu);
-    void HeartbeatThreadFunc();
     void SetHeartbeatPriority();
     bool HeartbeatWatches() const;
     void KeepAliveIfDue();
@@ -155,10 +171,6 @@ private:
     TResponse Request(std::span<const int> timeouts_ms, AbortFlag abort, SendCommand send_command);
     KELO_API_STATUS TransferRegister(uint32_t reg_num, uint32_t& value, bool write,
                                      TResponse& response);
-    void vc_send(const void* udp_payload, int length);
-    void vc_hearbeat_received();
-    void SideEffectsOnMemChange(uint32_t address_0, uint32_t count, const uint32_t* values,
-                                bool on_write);
 
     KELO_API_STATUS SetUpStreams();
     KELO_API_STATUS ReadStreamSetup(uint8_t stream, uint8_t used_streams_mask, StreamSetup& setup);

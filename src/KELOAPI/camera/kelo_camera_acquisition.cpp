@@ -5,7 +5,6 @@
 
 #include "kelo_registers.h"
 #include "manager_access.h"
-#include "run_length.h"
 #include "stream_mask.h"
 #include "utils.h"
 

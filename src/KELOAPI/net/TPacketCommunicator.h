@@ -24,7 +24,7 @@ public:
     using Ptr = std::shared_ptr<TPacketCommunicator>;
 
     // The receiver is borrowed and must outlive the receive thread.
-    explicit TPacketCommunicator(IPacketReceiver* receiver) : Receiver(receiver) {}
+    explicit TPacketCommunicator(IPacketReceiver* receiver = nullptr) : Receiver(receiver) {}
     virtual ~TPacketCommunicator() = default;
     TPacketCommunicator(const TPacketCommunicator&) = delete;
     TPacketCommunicator& operator=(const TPacketCommunicator&) = delete;

@@ -13,6 +13,9 @@
 // Owns every block until it is destroyed. All operations may be called from any thread.
 class CachedAllocator {
 public:
+    // Blocks have 2^4 to 2^31 bytes; the flag marks the address of one that is handed out.
+    enum : unsigned { CA_MIN_SIZE_SHIFT = 4, CA_MAX_SIZE_SHIFT = 31, CA_USED_FLAG = 1 };
+
     CachedAllocator() = default;
     ~CachedAllocator();
     CachedAllocator(const CachedAllocator&) = delete;
@@ -29,7 +32,6 @@ public:
     void free_unused();
 
 private:
-    enum : unsigned { CA_MIN_SIZE_SHIFT = 4, CA_MAX_SIZE_SHIFT = 31, CA_USED_FLAG = 1 };
     static constexpr size_t kBins = CA_MAX_SIZE_SHIFT - CA_MIN_SIZE_SHIFT + 1;
 
     // A block's address; its lowest bit tells whether the block is handed out.

@@ -11,7 +11,9 @@
 template <typename T>
 class TSyncdQueue {
 public:
-    explicit TSyncdQueue(size_t capacity) : q(capacity) {}
+    static constexpr size_t kDefaultCapacity = 1024;
+
+    explicit TSyncdQueue(size_t capacity = kDefaultCapacity) : q(capacity) {}
 
     // Waits while the queue is full.
     void Put(const T& item) { q.push_wait(item); }

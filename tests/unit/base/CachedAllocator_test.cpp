@@ -112,6 +112,9 @@ TEST_F(CachedAllocatorTest, RequestsAreRoundedUpToAPowerOfTwo) {
 }
 
 TEST_F(CachedAllocatorTest, EachOfThe28BinsHoldsBlocksOfItsOwnPowerOfTwo) {
+    static_assert(CachedAllocator::CA_MIN_SIZE_SHIFT == 4);
+    static_assert(CachedAllocator::CA_MAX_SIZE_SHIFT == 31);
+    static_assert(CachedAllocator::CA_USED_FLAG == 1);
     for (unsigned exponent = 4; exponent <= 31; ++exponent) {
         const size_t block = size_t{1} << exponent;
         EXPECT_EQ(block, BlockSizeFor(block)) << exponent;

@@ -193,6 +193,13 @@ TEST_F(SyncdQueueTest, HoldsOneItemLessThanItsCapacity) {
     EXPECT_FALSE(queue.TryPut(1023));
 }
 
+TEST(SyncdQueueDefaultTest, Holds1023Items) {
+    TSyncdQueue<int> queue;
+    for (int i = 0; i < 1023; ++i)
+        ASSERT_TRUE(queue.TryPut(i));
+    EXPECT_FALSE(queue.TryPut(1023));
+}
+
 TEST_F(SyncdQueueTest, ResizeSetsTheCapacity) {
     queue.resize(3);
     EXPECT_TRUE(queue.TryPut(0));

@@ -59,6 +59,16 @@ protected:
         return WaitFor([&] { return camera.counters().requests > 500; });
     }
 
+    // Descriptors of this process that are open on the image file.
+    int OpenFiles() const {
+        int count = 0;
+        for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+            std::error_code gone;
+            if (std::filesystem::read_symlink(entry.path(), gone) == path) ++count;
+        }
+        return count;
+    }
+
     const std::vector<uint8_t> image;
     const std::string path = std::filesystem::temp_directory_path() /
                              ("kelo-firmware-" + std::to_string(getpid()) + ".bin");
@@ -166,9 +176,11 @@ TEST_F(FirmwareRun, AnAbortWhileDataIsSentFailsTheRun) {
     const CAM_HANDLE handle = Find(camera);
     ASSERT_EQ(Program(handle), KELO_STATUS_SUCCESS);
     ASSERT_TRUE(WaitForData(camera));
+    EXPECT_EQ(OpenFiles(), 1);
     EXPECT_EQ(keloFirmwareProgramAbort(handle), KELO_STATUS_SUCCESS);
     EXPECT_EQ(Poll(handle), KELO_STATUS_ERROR);
     EXPECT_TRUE(log.Contains("FW update FAILED"));
+    EXPECT_EQ(OpenFiles(), 0);
     // Another run starts afresh.
     ASSERT_EQ(Program(handle), KELO_STATUS_SUCCESS);
     EXPECT_EQ(Poll(handle), KELO_STATUS_SUCCESS);

@@ -28,15 +28,18 @@ public:
     explicit FirmwareRun(KELOCamera& camera) : camera_(camera), client_(camera.FWClient) {}
 
     void Execute() {
-        Step step = Step::kFailed;
         try {
-            step = RunToTheEnd();
+            const Step step = RunToTheEnd();
+            // Before the end is told: from then on the file is the application's again.
+            client_.CloseFileIfNeeded();
+            Finish(step);
         } catch (const std::exception& error) {
+            client_.CloseFileIfNeeded();
             camera_.firmware_state = FirmwareState::kEnding;
             client_.SetProgressError(R_ERROR);
             kelo::Log("Programming error: %s\n", error.what());
+            Finish(Step::kFailed);
         }
-        Finish(step);
     }
 
 private:
@@ -234,7 +237,9 @@ KELO_API_STATUS KELOCamera::FirmwareGetProgress(int* percent) {
             if (*percent <= 99) return KELO_STATUS_SUCCESS;
             break;
     }
-    // The run is over, one way or the other: the camera is supervised again.
-    HeartbeatStart();
+    // The run is over, one way or the other: the camera is supervised again, unless another thread
+    // has begun the next run meanwhile.
+    const kelo::TScopedLock lock(Mutex, "KELOCamera::FirmwareGetProgress");
+    if (firmware_state != FirmwareState::kRunning) HeartbeatStart();
     return status;
 }

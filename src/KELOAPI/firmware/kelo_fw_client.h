@@ -37,6 +37,8 @@ public:
     void StartProgramming(const std::string& path, uint32_t emblemOffset);
     // Prepares reading back from an address, without programming before it.
     void StartReading(uint32_t address);
+    // For a run that does not come to its end by itself.
+    void CloseFileIfNeeded() { File.reset(); }
 
     // Fills buf with the next payload and with zeros behind it. R_OK: length bytes are to be
     // written to the camera, which may take timeoutSec. R_READ: no payload, read back from now on.

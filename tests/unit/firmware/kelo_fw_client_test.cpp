@@ -362,6 +362,15 @@ TEST_F(FirmwareClient, HasNoFileAfterAFailedStart) {
     EXPECT_EQ(Next(), R_ERROR);
 }
 
+TEST_F(FirmwareClient, ClosesTheFileOfARunThatIsGivenUp) {
+    StartSmall();
+    ASSERT_EQ(Next(), R_OK);
+    client.CloseFileIfNeeded();
+    EXPECT_TRUE(OpenDescriptors(file->Path()).empty());
+    EXPECT_EQ(Next(), R_ERROR);
+    client.CloseFileIfNeeded();
+}
+
 // ---- Payloads
 // ------------------------------------------------------------------------------------
 

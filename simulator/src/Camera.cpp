@@ -352,7 +352,7 @@ void Camera::Impl::DoSetAddress(uint32_t address, uint32_t subnet_mask) {
             stream->Abort();
     }
     std::lock_guard lock(mutex_);
-    if (rebind) EndSession("moves to " + Ipv4Text(address));
+    const uint32_t before = config_.address;
     config_.address = address;
     config_.subnet_mask = subnet_mask;
     registers_.Set(REG_CURR_IP_ADDR_0, address);
@@ -360,6 +360,8 @@ void Camera::Impl::DoSetAddress(uint32_t address, uint32_t subnet_mask) {
     registers_.Set(REG_PERSIST_IP_ADDR_0, address);
     registers_.Set(REG_PERSIST_SUBNET_MASK_0, subnet_mask);
     registers_.Set(REG_TCP_STREAMPORT, tcp_port_);
+    // The session was one with the old address.
+    if (rebind) EndSession("moved here from " + Ipv4Text(before));
 }
 
 CameraConfig Camera::Impl::config() const {

@@ -368,6 +368,7 @@ TEST_F(ControlTest, SetIpMovesTheCameraWithTheMac) {
     EXPECT_EQ(Be32At(reply, 58), Ipv4(255, 255, 0, 0));
     EXPECT_EQ(client.Get(moved, REG_CURR_IP_ADDR_0), moved);
     EXPECT_EQ(simulator[1].address(), kSecond);
+    EXPECT_TRUE(WaitFor([&] { return HasEvent("127.9.9.9: moved here from 127.0.0.11"); }));
     client.Send(ControlHeader(1, 0), kFirst);
     EXPECT_TRUE(client.Receive(50).empty());
 }

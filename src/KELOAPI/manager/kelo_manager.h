@@ -20,6 +20,12 @@
 #include "kelo_camera.h"
 #include "syncd_queue.h"
 
+// One call of an application's close callback that is to be made.
+struct TCallbackRequest {
+    CAM_HANDLE CamHandle = 0;
+    keloCameraCloseEvent* Function = nullptr;
+};
+
 // The one object behind the exported functions: the registry of cameras and their handles, the
 // control transports, the two image receivers, and the thread that calls close callbacks.
 //
@@ -34,11 +40,6 @@
 class KELOManager : public IPacketReceiver {
 public:
     using TCameraMapList = std::map<CAM_HANDLE, std::shared_ptr<KELOCamera>>;
-
-    struct TCallbackRequest {
-        CAM_HANDLE CamHandle = 0;
-        keloCameraCloseEvent* Function = nullptr;
-    };
 
     // Reads the options file, starts the callback thread and the receivers. Throws when the system
     // refuses.

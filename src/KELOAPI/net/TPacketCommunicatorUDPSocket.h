@@ -10,11 +10,14 @@
 #include "TPacketCommunicator.h"
 #include "UDPSocket.h"
 
+// What became of the socket of a communicator.
+enum TUDPStatus { UDPST_OK = 0, UDPST_ERROR = 1, UDPST_BAD_PORT = 2 };
+
 // One bound UDP socket and the thread that hands its datagrams to the receiver. The receive buffer
 // is made once per thread; OnRcv gets a pointer into it.
 class TPacketCommunicatorUDPSocket final : public TPacketCommunicator {
 public:
-    enum TUDPStatus { UDPST_OK = 0, UDPST_ERROR = 1, UDPST_BAD_PORT = 2 };
+    using enum TUDPStatus;
 
     // Opens the socket but starts no thread. ip 0 is any address, port 0 lets the system choose.
     // Longer datagrams are cut to maxPacketSize. receiveBufferSize, if not 0, is asked of the

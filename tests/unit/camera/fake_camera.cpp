@@ -74,7 +74,13 @@ ssize_t FakeCamera::Send(uint32_t ip, int port, const void* data, int length) {
     return length;
 }
 
+uint32_t FakeCamera::Register(uint32_t reg) {
+    const std::lock_guard lock(mutex_answer_);
+    return registers[reg];
+}
+
 void FakeCamera::Answer(const SeenRequest& request) {
+    const std::lock_guard lock(mutex_answer_);
     if (request.command == 4 || request.command == 6) {
         AnswerRegister(request);
     } else {

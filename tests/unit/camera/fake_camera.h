@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -42,11 +43,12 @@ public:
 
     // ---- What the camera does ----
 
+    // Set up before the session is opened: from then on its heartbeat looks here, too.
     std::map<uint32_t, uint32_t> registers;
     std::set<uint32_t> unmapped;                        // answered with "out of range"
     std::map<uint32_t, std::deque<uint32_t>> statuses;  // per register, for its next answers
-    int requests_to_ignore = 0;
-    bool silent = false;
+    std::atomic<int> requests_to_ignore{0};
+    std::atomic<bool> silent{false};
     uint32_t largest_packet = 9000;  // of the packet-size test
     std::optional<uint32_t> memory_count_lie;
     std::function<void(const SeenRequest&)> on_request;
@@ -55,6 +57,9 @@ public:
     KELOCamera* session = nullptr;
 
     // ---- What it saw ----
+
+    // What a register holds, also while the session is open.
+    uint32_t Register(uint32_t reg);
 
     std::vector<SeenRequest> Requests() const;
     size_t CountWrites(uint32_t reg) const;
@@ -71,8 +76,8 @@ public:
     unsigned int GetSocketIp() override { return 0x7F000001; }
     const char* GetDescription() override { return "fake"; }
 
-    uint32_t last_ip = 0;
-    int last_port = 0;
+    std::atomic<uint32_t> last_ip{0};
+    std::atomic<int> last_port{0};
 
 private:
     void Answer(const SeenRequest& request);
@@ -82,6 +87,7 @@ private:
     void Deliver(const Bytes& reply) const;
     uint32_t StatusFor(uint32_t reg);
 
+    std::mutex mutex_answer_;  // guards the state above while the camera answers
     mutable std::mutex mutex_;
     std::vector<SeenRequest> requests_;
 };

@@ -28,8 +28,8 @@ TEST_F(Requests, RegisterReadOnTheWire) {
     uint32_t value = 0;
     EXPECT_EQ(camera.getRegisterValue(REG_WIDTH, value), KELO_STATUS_SUCCESS);
     EXPECT_EQ(value, 0x01020304u);
-    EXPECT_EQ(fake.last_ip, 0x7F00000Bu);
-    EXPECT_EQ(fake.last_port, 6061);
+    EXPECT_EQ(fake.last_ip.load(), 0x7F00000Bu);
+    EXPECT_EQ(fake.last_port.load(), 6061);
     EXPECT_THAT(fake.Requests().at(0).bytes,
                 ElementsAreArray({0xAB, 0, 0, 0, 0, 4, 0, 0, 0, 2, 0, 0, 0, 1,  // header
                                   0,    0, 0, 8, 0, 0, 0, 0}));

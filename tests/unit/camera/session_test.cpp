@@ -58,7 +58,7 @@ class PacketSize : public Session, public testing::WithParamInterface<PacketSize
 TEST_P(PacketSize, IsTheLargestThatPasses) {
     fake.largest_packet = GetParam().path;
     EXPECT_EQ(camera.Open(nullptr, false), KELO_STATUS_SUCCESS);
-    EXPECT_EQ(fake.registers[REG_MTU], GetParam().chosen);
+    EXPECT_EQ(fake.Register(REG_MTU), GetParam().chosen);
     EXPECT_EQ(fake.Writes(REG_MTU).back(), GetParam().chosen);
 }
 
@@ -81,7 +81,7 @@ TEST_F(Session, ARefusedPacketSizeRequestIsNotTriedAgain) {
     fake.statuses[REG_MTU] = {1, 2};  // the first read; the write for 1500
     EXPECT_EQ(camera.Open(nullptr, false), KELO_STATUS_SUCCESS);
     EXPECT_EQ(fake.CountWrites(REG_MTU), 2u);
-    EXPECT_EQ(fake.registers[REG_MTU], 1234u);
+    EXPECT_EQ(fake.Register(REG_MTU), 1234u);
 }
 
 struct OpenFailure {

@@ -192,6 +192,7 @@ KELO_API_STATUS KELOCamera::FirmwareProgram(const std::shared_ptr<KELOCamera>& c
     } catch (const std::exception& error) {
         // Only a thread that the system refuses leaves a run behind that never begins.
         if (dynamic_cast<const std::system_error*>(&error) != nullptr) {
+            FWClient.CloseFileIfNeeded();
             FWClient.SetProgressError(R_ERROR);
         }
         firmware_state = FirmwareState::kIdle;

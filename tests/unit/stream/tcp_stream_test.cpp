@@ -526,6 +526,8 @@ TEST_F(TcpStreamTest, DeadConnectionIsReadToItsEndBeforeTheNext) {
     Peer dead = Connect();
     dead.Send(ImageMessage(1, "one") + ImageMessage(2, "two") +
               ImageMessage(3, "three").substr(0, 26));
+    // The reader is in the middle of the third.
+    ASSERT_TRUE(WaitFor([&] { return front_->GetPendingCount(kCamera, kStream) == 2; }));
     sends_to_fail = 1;
     InitStream();
     EXPECT_TRUE(log_.Contains("is_tcp_connected: TCP socket not alive, send failed (Broken pipe)"));

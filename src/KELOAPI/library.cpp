@@ -2,7 +2,10 @@
 
 #include <chrono>
 #include <mutex>
+#include <system_error>
 #include <thread>
+
+#include "utils.h"
 
 namespace kelo {
 namespace {
@@ -25,6 +28,18 @@ struct State {
 State& TheState() {
     static auto* const state = new State;
     return *state;
+}
+
+// For a release that a close callback calls: the manager waits for this very thread to end, so
+// another one has to take it down.
+void DestroyElsewhere(std::shared_ptr<KELOManager> manager) {
+    auto* const last = new std::shared_ptr<KELOManager>(std::move(manager));
+    try {
+        std::thread([last] { delete last; }).detach();
+    } catch (const std::system_error&) {
+        // Without a thread to be had it stays as it is, out of reach of any call.
+        kelo::Log("The library could not be taken down: no thread is to be had.\n");
+    }
 }
 
 void WaitForCallsToLeave(const std::shared_ptr<KELOManager>& manager) {
@@ -61,9 +76,7 @@ void DestroyManager() {
     if (manager == nullptr) return;
     manager->BeginRelease();
     if (manager->IsCallbackThread()) {
-        // Called by a close callback: the manager waits for this very thread to end, so another one
-        // has to take it down.
-        std::thread([last = std::move(manager)]() mutable { last.reset(); }).detach();
+        DestroyElsewhere(std::move(manager));
         return;
     }
     WaitForCallsToLeave(manager);

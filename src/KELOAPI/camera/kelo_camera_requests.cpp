@@ -171,7 +171,9 @@ KELO_API_STATUS KELOCamera::writeMemory(uint32_t start_reg_num, uint32_t& count,
         command.header = MakeCommandHeader(VC_WRITEMEMORY_COMMAND, number);
         command.NL_address_0 = WireAddress(start_reg_num);
         command.NL_number_of_registers = kelo_htonl(count);
-        std::transform(values, values + count, command.NL_register_values, kelo_htonl);
+        // By index: the record is packed, and a plain pointer into it would claim an alignment.
+        for (uint32_t i = 0; i < count; ++i)
+            command.NL_register_values[i] = kelo_htonl(values[i]);
         const size_t length = offsetof(TMemWriteCommandMax, NL_register_values) +
                               count * sizeof(command.NL_register_values[0]);
         vc_send(&command, static_cast<int>(length));

@@ -75,7 +75,7 @@ std::shared_ptr<TPacketCommunicatorUDPSocket> KELOManager::MakeTransport(uint32_
     if (!transport->IsInitialized()) return nullptr;
     try {
         transport->StartRxThread();
-    } catch (const std::system_error&) {
+    } catch (const std::exception&) {
         return nullptr;
     }
     const std::lock_guard lock(mutex_communicators);
@@ -175,9 +175,11 @@ bool KELOManager::SendSetIP(TPacketCommunicator& transport, const uint8_t mac[6]
 KELO_API_STATUS KELOManager::setCameraIP(CAM_HANDLE handle, uint32_t new_ip, uint32_t new_subnet) {
     const std::shared_ptr<KELOCamera> camera = FindHandle(handle);
     if (camera == nullptr) return KELO_STATUS_ERROR;
+    // Outlives the lock: it may be the last holder of a session that was registered meanwhile.
+    TCameraMapList::node_type erased;
     {
         const kelo::TScopedLock lock(CameraListMutex, "KELOManager::setCameraIP");
-        CameraMapList.erase(handle);
+        erased = CameraMapList.extract(handle);
     }
     const CAM_INFO& info = camera->Identity();
     // An open session is closed while the camera still has the address that it talks to.

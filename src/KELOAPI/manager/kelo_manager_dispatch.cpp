@@ -1,6 +1,7 @@
 // What comes in on the control transports, and the thread that calls close callbacks.
 
 #include <algorithm>
+#include <exception>
 
 #include "kelo_manager.h"
 #include "kelo_protocol.h"
@@ -102,6 +103,12 @@ void KELOManager::AddCallbackRequest(CAM_HANDLE handle, keloCameraCloseEvent* fu
     // stop, and then nobody would.
     while (!CallbackRequests.TryPut({handle, function})) {
         if (CallbackRequestsThreadShouldBeStopped) return;
+        if (IsCallbackThread()) {
+            // A callback's own call has more cameras to report than there is room for. It would
+            // wait for itself.
+            kelo::Log("Close of camera 0x%08x not reported: too many reports wait.\n", handle);
+            return;
+        }
         kelo::Sleep(kCallbackQueueFullPauseMs);
     }
 }
@@ -113,7 +120,12 @@ void KELOManager::ProcessCallbackRequests() {
         if (!CallbackRequests.Get(kCallbackWaitMs, request)) continue;
         if (request.Function == nullptr) continue;
         in_callback = true;
-        (void)request.Function(request.CamHandle);
+        try {
+            (void)request.Function(request.CamHandle);
+        } catch (const std::exception& exception) {
+            // The application's own; this thread has other callbacks to call.
+            kelo::Log("Close callback left by an exception: %s\n", exception.what());
+        }
         in_callback = false;
         kelo::Log("Returned from the callback\n");
     }

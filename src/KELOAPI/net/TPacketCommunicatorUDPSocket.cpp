@@ -52,7 +52,9 @@ void TPacketCommunicatorUDPSocket::StartRxThread() {
     }
     if (UDPStatus != UDPST_OK) return;
     RxThreadStopWanted = false;
-    RxThread = std::thread([this] { RxThreadFunc(); });
+    // Made here, where a want of memory can be reported.
+    std::vector<std::byte> buffer(static_cast<size_t>(MaxPacketSize));
+    RxThread = std::thread([this, buffer = std::move(buffer)]() mutable { RxThreadFunc(buffer); });
 }
 
 void TPacketCommunicatorUDPSocket::StopRxThread() {
@@ -112,9 +114,8 @@ const char* TPacketCommunicatorUDPSocket::GetDescription() {
     return text.data();
 }
 
-void TPacketCommunicatorUDPSocket::RxThreadFunc() {
+void TPacketCommunicatorUDPSocket::RxThreadFunc(std::vector<std::byte>& buffer) {
     kelo::NameThisThread("kelo-rx");
-    std::vector<std::byte> buffer(static_cast<size_t>(MaxPacketSize));
     ReadyToReceive = true;
     while (!RxThreadStopWanted) {
         if (Socket->waitReadable(kReceiveWaitMs) <= 0) continue;

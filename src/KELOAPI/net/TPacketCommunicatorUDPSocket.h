@@ -45,7 +45,7 @@ public:
 
 private:
     void OpenSocket();
-    void RxThreadFunc();
+    void RxThreadFunc(std::vector<std::byte>& buffer);
     // False when a stop is wanted.
     bool ReceiveWaitingDatagrams(std::vector<std::byte>& buffer);
     void Deliver(uint32_t sender_ip, const void* data, int length);

@@ -270,9 +270,9 @@ void Camera::Impl::FlushEvents() {
         events.swap(events_);
     }
     if (!sink_ || events.empty()) return;
-    const std::string name = Ipv4Text(config().address);
-    for (const std::string& event : events)
-        sink_(name + ": " + event);
+    const std::string name = Ipv4Text(config().address) + ": ";
+    for (std::string& event : events)
+        sink_(event.insert(0, name));
 }
 
 void Camera::Impl::OpenSockets(uint32_t address) {

@@ -106,6 +106,10 @@ struct WrongCase {
     const char* message;
 };
 
+void PrintTo(const WrongCase& wrong, std::ostream* out) {
+    *out << wrong.arguments.back();
+}
+
 class WrongCommandLineTest : public testing::TestWithParam<WrongCase> {};
 
 TEST_P(WrongCommandLineTest, IsSaidClearly) {
@@ -208,7 +212,7 @@ TEST(KeloSimTest, StandardInputChangesFaultsAndPower) {
     EXPECT_EQ(sim.Wait(), 0);
 }
 
-class FirmwareFileTest : public testing::TestWithParam<std::pair<const char*, FirmwareSpoil>> {};
+class FirmwareFileTest : public testing::TestWithParam<std::pair<std::string, FirmwareSpoil>> {};
 
 TEST_P(FirmwareFileTest, IsWritten) {
     const auto& [name, spoil] = GetParam();
@@ -225,13 +229,14 @@ TEST_P(FirmwareFileTest, IsWritten) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Spoils, FirmwareFileTest,
-                         testing::Values(std::pair("none", FirmwareSpoil::kNone),
-                                         std::pair("magic", FirmwareSpoil::kMagic),
-                                         std::pair("length", FirmwareSpoil::kLength),
-                                         std::pair("crc", FirmwareSpoil::kCrc),
-                                         std::pair("too-short", FirmwareSpoil::kTooShort)),
+                         testing::Values(std::pair(std::string("none"), FirmwareSpoil::kNone),
+                                         std::pair(std::string("magic"), FirmwareSpoil::kMagic),
+                                         std::pair(std::string("length"), FirmwareSpoil::kLength),
+                                         std::pair(std::string("crc"), FirmwareSpoil::kCrc),
+                                         std::pair(std::string("too-short"),
+                                                   FirmwareSpoil::kTooShort)),
                          [](const auto& test) {
-                             const std::string name = test.param.first;
+                             const std::string& name = test.param.first;
                              return name == "too-short" ? std::string("tooShort") : name;
                          });
 

@@ -500,6 +500,10 @@ struct LieCase {
     Bytes expected;
 };
 
+void PrintTo(const LieCase& lie, std::ostream* out) {
+    *out << lie.name;
+}
+
 class ReplyLieTest : public ControlTest, public testing::WithParamInterface<LieCase> {};
 
 TEST_P(ReplyLieTest, GoesOutAsTold) {

@@ -79,6 +79,10 @@ struct SizeCase {
     uint32_t packets;
 };
 
+void PrintTo(const SizeCase& size, std::ostream* out) {
+    *out << size.image_size << " bytes in packets of " << size.packet_size;
+}
+
 class PacketSizeTest : public StreamTest, public testing::WithParamInterface<SizeCase> {};
 
 TEST_P(PacketSizeTest, ImagesReassembleToWhatTheSourceRenders) {

@@ -161,6 +161,7 @@ private:
     bool ManagerIsGoing();
 
     bool RegisterStreams();
+    void EndSession(bool do_notify_the_app);
     KELO_API_STATUS NegotiatePacketSize(UDPSocket& test_socket, std::vector<uint8_t>& buffer);
     void SetHeartbeatPriority();
     bool HeartbeatWatches() const;
@@ -205,6 +206,7 @@ private:
     std::atomic<bool> isOpened{false};
     std::atomic<uint32_t> m_heartbeat_timeout;  // milliseconds; 0: no supervision
     std::atomic<bool> m_heartbeat_active{false};
+    std::atomic<bool> starting_acquisition{false};
 
     std::atomic<uint32_t> m_bufferSize;
     std::atomic<uint64_t> heartbeat_last_rcv_time{0};   // wall-clock milliseconds

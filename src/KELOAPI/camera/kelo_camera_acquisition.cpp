@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "ScopedFlag.h"
 #include "kelo_registers.h"
 #include "manager_access.h"
 #include "stream_mask.h"
@@ -54,6 +55,7 @@ KELO_API_STATUS KELOCamera::StartAcquisition() {
 }
 
 KELO_API_STATUS KELOCamera::SetUpStreams() {
+    const ScopedFlag starting(starting_acquisition);
     uint32_t mask = 0;
     if (getRegisterValue(REG_USED_STREAMS_MASK, mask) != KELO_STATUS_SUCCESS) {
         return KELO_STATUS_ERROR;

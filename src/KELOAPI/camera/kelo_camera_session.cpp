@@ -35,22 +35,30 @@ constexpr std::array<uint32_t, 4> kPacketSizes = {1500, 4074, 8500, 9000};
 // holds it may be waiting for a connection, and others wait for images that will not come.
 class KELOCamera::ClosingMark {
 public:
-    explicit ClosingMark(KELOCamera& camera) : camera_(camera), set_(camera.isOpened) {
+    explicit ClosingMark(KELOCamera& camera)
+        : camera_(camera), set_(camera.isOpened || camera.starting_acquisition) {
         ++camera_.closers_waiting;
         if (!set_) return;
         camera_.WithManager([&](KELOManager& manager) { manager.BeginClosing(camera_.GetIP()); });
     }
-    ~ClosingMark() {
+    ~ClosingMark() { End(); }
+    ClosingMark(const ClosingMark&) = delete;
+    ClosingMark& operator=(const ClosingMark&) = delete;
+
+    // To be called with the session's lock held, so that whoever opens the session next finds
+    // nothing of this closing.
+    void End() {
+        if (ended_) return;
+        ended_ = true;
         --camera_.closers_waiting;
         if (!set_) return;
         camera_.WithManager([&](KELOManager& manager) { manager.EndClosing(camera_.GetIP()); });
     }
-    ClosingMark(const ClosingMark&) = delete;
-    ClosingMark& operator=(const ClosingMark&) = delete;
 
 private:
     KELOCamera& camera_;
     const bool set_;
+    bool ended_ = false;
 };
 
 KELOCamera::KELOCamera(KELOManager* manager, CAM_HANDLE id, const CAM_INFO& info,
@@ -183,18 +191,20 @@ bool KELOCamera::TestMTU(UDPSocket& u, std::vector<uint8_t>& buffer, uint32_t mt
 }
 
 KELO_API_STATUS KELOCamera::Close() {
-    const ClosingMark closing(*this);
-    const kelo::TScopedLock lock(Mutex, "KELOCamera::Close");
     doClose(false);
     return KELO_STATUS_SUCCESS;
 }
 
 void KELOCamera::doClose(bool do_notify_the_app) {
-    const ClosingMark closing(*this);
+    ClosingMark closing(*this);
     const kelo::TScopedLock lock(Mutex, "KELOCamera::doClose");
     kelo::Log("doClose(notify app == %s) isOpened == %s\n", do_notify_the_app ? "true" : "false",
               isOpened ? "true" : "false");
-    if (!isOpened) return;
+    if (isOpened) EndSession(do_notify_the_app);
+    closing.End();
+}
+
+void KELOCamera::EndSession(bool do_notify_the_app) {
     isOpened = false;
     HeartbeatStop();
     (void)setRegisterConst(REG_CAMERA_USED, 0);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <exception>
 
+#include "ScopedFlag.h"
 #include "kelo_manager.h"
 #include "kelo_protocol.h"
 #include "utils.h"
@@ -119,14 +120,13 @@ void KELOManager::ProcessCallbackRequests() {
         TCallbackRequest request;
         if (!CallbackRequests.Get(kCallbackWaitMs, request)) continue;
         if (request.Function == nullptr) continue;
-        in_callback = true;
         try {
+            const ScopedFlag calling(in_callback);
             (void)request.Function(request.CamHandle);
         } catch (const std::exception& exception) {
             // The application's own; this thread has other callbacks to call.
             kelo::Log("Close callback left by an exception: %s\n", exception.what());
         }
-        in_callback = false;
         kelo::Log("Returned from the callback\n");
     }
 }

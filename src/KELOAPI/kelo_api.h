@@ -96,8 +96,9 @@ KELO_API KELO_API_STATUS keloSetCameraIP(CAM_HANDLE camera_id, uint32_t new_ip_a
 KELO_API KELO_API_STATUS keloOpenCamera(CAM_HANDLE camera_id,
                                         keloCameraCloseEvent* closeCameraEvent);
 
-/* Stops the acquisition and frees the camera. Waits for images in other threads end with null. While
- * the camera writes its flash at the end of a firmware run, this call waits for it: up to 190 s. */
+/* Stops the acquisition and frees the camera. Waits for images in other threads end with null.
+ * While the camera writes its flash at the end of a firmware run, this call waits for it: up to 190
+ * s. */
 KELO_API KELO_API_STATUS keloCloseCamera(CAM_HANDLE camera_id);
 
 /* ---- Registers and memory ------------------------------------------------------------------ */

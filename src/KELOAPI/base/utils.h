@@ -80,7 +80,8 @@ template <typename Record>
 Record CopyRecord(const void* data, size_t length) {
     static_assert(std::is_trivially_copyable_v<Record>);
     Record record{};
-    std::memcpy(&record, data, length < sizeof(record) ? length : sizeof(record));
+    // An empty datagram may come with no address at all.
+    if (length > 0) std::memcpy(&record, data, length < sizeof(record) ? length : sizeof(record));
     return record;
 }
 

@@ -204,7 +204,7 @@ bool StreamReceiverTcp::receiveImage(uint32_t size) {
     std::unique_ptr<unsigned char, decltype(give_back)> memory(data, give_back);
     if (!receiveImageData(image, length)) return false;
     const std::lock_guard lock(onrcv_mutex);
-    memory.release();
+    (void)memory.release();
     finish(image);
     return true;
 }

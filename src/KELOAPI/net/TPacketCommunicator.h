@@ -3,10 +3,19 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <span>
 
 #include <sys/types.h>
 
 class TPacketCommunicator;
+
+// One received datagram: the sender's address in host order, and bytes that belong to the
+// communicator.
+struct TDatagram {
+    uint32_t ip;
+    const void* data;
+    int length;
+};
 
 // Takes the datagrams that a communicator receives.
 class IPacketReceiver {
@@ -16,6 +25,14 @@ public:
     virtual void OnRcv(TPacketCommunicator* from, uint32_t ip, const void* data, int length,
                        unsigned short port) = 0;
     virtual ~IPacketReceiver() = default;
+    // Several datagrams that arrived together, in the order of their arrival. For receivers that
+    // can do with one look-up and one lock for all of them.
+    virtual void OnRcvBatch(TPacketCommunicator* from, std::span<const TDatagram> datagrams,
+                            unsigned short port) {
+        for (const TDatagram& datagram : datagrams) {
+            OnRcv(from, datagram.ip, datagram.data, datagram.length, port);
+        }
+    }
 };
 
 // A transport for datagrams with a receive thread of its own. Sends may come from any thread.

@@ -6,24 +6,29 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "DatagramBatch.h"
 #include "utils.h"
 
 namespace {
 
 // How soon a stop request is noticed.
 constexpr int kReceiveWaitMs = 100;
+constexpr int kErrorPauseMs = 1;
+// Messages taken with one system call where there is much to receive. More would leave the cache
+// between the kernel's copy and the receiver's.
+constexpr size_t kBulkMessages = 32;
 constexpr uint32_t kBroadcast = 0xFFFFFFFF;
 
 }  // namespace
 
 TPacketCommunicatorUDPSocket::TPacketCommunicatorUDPSocket(IPacketReceiver* receiver, int port,
                                                            int maxPacketSize, uint32_t ip,
-                                                           int receiveBufferSize)
+                                                           int bulkBufferBytes)
     : TPacketCommunicator(receiver),
       MaxPacketSize(maxPacketSize),
       bind_ip(ip),
       bind_port(static_cast<uint16_t>(port)),
-      receive_buffer_size(receiveBufferSize) {
+      bulk_buffer_bytes(bulkBufferBytes) {
     OpenSocket();
 }
 
@@ -34,7 +39,11 @@ TPacketCommunicatorUDPSocket::~TPacketCommunicatorUDPSocket() {
 void TPacketCommunicatorUDPSocket::OpenSocket() {
     try {
         Socket = std::make_unique<UDPSocket>(bind_ip, bind_port);
-        if (receive_buffer_size != 0) Socket->requestReceiveBuffer(receive_buffer_size);
+        Socket->setReceiveTimeout(kReceiveWaitMs);
+        if (InBulk()) {
+            Socket->requestReceiveBuffer(bulk_buffer_bytes);
+            merging = Socket->allowMerging();
+        }
         actual_port = Socket->getPort();
         UDPStatus = actual_port != 0 ? UDPST_OK : UDPST_BAD_PORT;
     } catch (...) {
@@ -53,8 +62,9 @@ void TPacketCommunicatorUDPSocket::StartRxThread() {
     if (UDPStatus != UDPST_OK) return;
     RxThreadStopWanted = false;
     // Made here, where a want of memory can be reported.
-    std::vector<std::byte> buffer(static_cast<size_t>(MaxPacketSize));
-    RxThread = std::thread([this, buffer = std::move(buffer)]() mutable { RxThreadFunc(buffer); });
+    auto batch = std::make_unique<DatagramBatch>(InBulk() ? kBulkMessages : 1,
+                                                 static_cast<size_t>(MaxPacketSize), merging);
+    RxThread = std::thread([this, batch = std::move(batch)] { RxThreadFunc(*batch); });
 }
 
 void TPacketCommunicatorUDPSocket::StopRxThread() {
@@ -114,38 +124,33 @@ const char* TPacketCommunicatorUDPSocket::GetDescription() {
     return text.data();
 }
 
-void TPacketCommunicatorUDPSocket::RxThreadFunc(std::vector<std::byte>& buffer) {
+void TPacketCommunicatorUDPSocket::RxThreadFunc(DatagramBatch& batch) {
     kelo::NameThisThread("kelo-rx");
     ReadyToReceive = true;
     while (!RxThreadStopWanted) {
-        if (Socket->waitReadable(kReceiveWaitMs) <= 0) continue;
-        if (!ReceiveWaitingDatagrams(buffer)) return;
+        if (batch.Receive(Socket->getNativeHandle()) >= 0) {
+            Deliver(batch.Datagrams());
+        } else {
+            HandleReceiveError(errno);
+        }
     }
 }
 
-// A wait per datagram would cost more than the datagram: takes what is there until it is all gone.
-bool TPacketCommunicatorUDPSocket::ReceiveWaitingDatagrams(std::vector<std::byte>& buffer) {
-    while (!RxThreadStopWanted) {
-        uint32_t sender_ip = 0;
-        const ssize_t count = Socket->receiveWaiting(buffer.data(), buffer.size(), &sender_ip);
-        if (count < 0) {
-            if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) return true;
-            if (RxThreadStopWanted) return false;
-            kelo::Log(
-                "TPacketCommunicatorUDPSocket::RxThreadFunc :: count < 0, RxThreadStopWanted == "
-                "false, recvfrom socket failed.\n");
-            return true;
-        }
-        Deliver(sender_ip, buffer.data(), static_cast<int>(count));
-    }
-    return false;
+void TPacketCommunicatorUDPSocket::HandleReceiveError(int error) {
+    const bool nothing_came = error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
+    if (nothing_came || RxThreadStopWanted) return;
+    kelo::Log(
+        "TPacketCommunicatorUDPSocket::RxThreadFunc :: count < 0, RxThreadStopWanted == false, "
+        "recvfrom socket failed.\n");
+    // A socket that fails at once, again and again, must not take a whole core.
+    kelo::Sleep(kErrorPauseMs);
 }
 
 // What a datagram makes a receiver throw, for want of memory, costs that datagram and not the
 // process.
-void TPacketCommunicatorUDPSocket::Deliver(uint32_t sender_ip, const void* data, int length) {
+void TPacketCommunicatorUDPSocket::Deliver(std::span<const TDatagram> datagrams) {
     try {
-        Receiver->OnRcv(this, sender_ip, data, length, actual_port);
+        Receiver->OnRcvBatch(this, datagrams, actual_port);
     } catch (const std::exception& exception) {
         kelo::Log("TPacketCommunicatorUDPSocket::RxThreadFunc :: datagram dropped: %s\n",
                   exception.what());

@@ -1,12 +1,12 @@
 #pragma once
 
 #include <atomic>
-#include <cstddef>
 #include <memory>
 #include <mutex>
+#include <span>
 #include <thread>
-#include <vector>
 
+#include "DatagramBatch.h"
 #include "TPacketCommunicator.h"
 #include "UDPSocket.h"
 
@@ -20,10 +20,10 @@ public:
     using enum TUDPStatus;
 
     // Opens the socket but starts no thread. ip 0 is any address, port 0 lets the system choose.
-    // Longer datagrams are cut to maxPacketSize. receiveBufferSize, if not 0, is asked of the
-    // kernel.
+    // Longer datagrams are cut to maxPacketSize. bulkBufferBytes, if not 0, is asked of the
+    // kernel as receive buffer, and datagrams are taken many at a time.
     TPacketCommunicatorUDPSocket(IPacketReceiver* receiver, int port, int maxPacketSize,
-                                 uint32_t ip, int receiveBufferSize = 0);
+                                 uint32_t ip, int bulkBufferBytes = 0);
     ~TPacketCommunicatorUDPSocket() override;
 
     void StartRxThread() override;
@@ -45,15 +45,15 @@ public:
 
 private:
     void OpenSocket();
-    void RxThreadFunc(std::vector<std::byte>& buffer);
-    // False when a stop is wanted.
-    bool ReceiveWaitingDatagrams(std::vector<std::byte>& buffer);
-    void Deliver(uint32_t sender_ip, const void* data, int length);
+    void RxThreadFunc(DatagramBatch& batch);
+    void HandleReceiveError(int error);
+    void Deliver(std::span<const TDatagram> datagrams);
+    bool InBulk() const { return bulk_buffer_bytes != 0; }
 
     const int MaxPacketSize;
     const uint32_t bind_ip;
     const uint16_t bind_port;
-    const int receive_buffer_size;
+    const int bulk_buffer_bytes;
 
     // Locked for starting, stopping and joining the receive thread, before mutex_send. Never held
     // together with mutex_send while joining: OnRcv may send. Recursive: a restart stops and
@@ -66,6 +66,7 @@ private:
     std::mutex mutex_send;              // serialises sends
     std::unique_ptr<UDPSocket> Socket;  // null when closed; replaced only under both mutexes, with
                                         // no receive thread running
+    bool merging = false;               // of Socket
     std::atomic<uint16_t> actual_port{0};
     std::atomic<TUDPStatus> UDPStatus{UDPST_ERROR};
 };

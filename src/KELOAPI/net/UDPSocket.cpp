@@ -6,7 +6,9 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/udp.h>
 #include <poll.h>
+#include <sys/time.h>
 
 namespace {
 
@@ -87,6 +89,23 @@ void UDPSocket::requestReceiveBuffer(int size) {
     if (setsockopt(fd.Get(), SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof(size)) != 0) {
         setsockopt(fd.Get(), SOL_SOCKET, SO_RCVBUF, &size, sizeof(size));
     }
+}
+
+int UDPSocket::getReceiveBuffer() {
+    int size = 0;
+    socklen_t length = sizeof(size);
+    if (getsockopt(fd.Get(), SOL_SOCKET, SO_RCVBUF, &size, &length) != 0) return 0;
+    return size;
+}
+
+void UDPSocket::setReceiveTimeout(int timeout_ms) {
+    const timeval timeout{.tv_sec = timeout_ms / 1000, .tv_usec = timeout_ms % 1000 * 1000};
+    setsockopt(fd.Get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
+}
+
+bool UDPSocket::allowMerging() {
+    const int on = 1;
+    return setsockopt(fd.Get(), IPPROTO_UDP, UDP_GRO, &on, sizeof(on)) == 0;
 }
 
 ssize_t UDPSocket::send(const void* data, size_t length) {

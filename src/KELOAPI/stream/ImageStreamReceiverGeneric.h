@@ -1,10 +1,12 @@
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <exception>
 #include <memory>
 #include <mutex>
+#include <span>
 
 #include "StreamReceiver.h"
 #include "StreamReceiverFront.h"
@@ -59,10 +61,17 @@ public:
         return PacketCommunicator ? PacketCommunicator->GetSocketPort() : uint16_t{0};
     }
 
-    void OnRcv(TPacketCommunicator*, uint32_t ip, const void* data, int size,
+    void OnRcv(TPacketCommunicator* from, uint32_t ip, const void* data, int size,
                unsigned short port) override {
+        const TDatagram datagram{.ip = ip, .data = data, .length = size};
+        OnRcvBatch(from, {&datagram, 1}, port);
+    }
+
+    // One look-up and one lock for all neighbouring datagrams of a stream.
+    void OnRcvBatch(TPacketCommunicator*, std::span<const TDatagram> datagrams,
+                    unsigned short) override {
         try {
-            receive(ip, static_cast<const unsigned char*>(data), size, port);
+            receive(datagrams);
         } catch (const std::exception& e) {
             kelo::Log("Stream packet dropped: %s\n", e.what());
         }
@@ -84,18 +93,55 @@ private:
     // A quarter of a second of 1 Gbit/s: what may arrive while the receive thread is not running.
     static constexpr int kReceiveBufferBytes = 32 << 20;
 
-    void receive(uint32_t ip, const unsigned char* data, int size, uint16_t port) {
-        // A datagram without payload is of no use; a negative size counts as a large one.
-        if (static_cast<unsigned>(size) <= sizeof(THeaderImage)) {
-            kelo::Log("Stream packet too small (less than header size) = %d bytes.\n", size);
-            return;
+    static const unsigned char* bytesOf(const TDatagram& datagram) {
+        return static_cast<const unsigned char*>(datagram.data);
+    }
+
+    // A datagram without payload is of no use; a negative size counts as a large one.
+    static bool isTooSmall(const TDatagram& datagram) {
+        return static_cast<unsigned>(datagram.length) <= sizeof(THeaderImage);
+    }
+
+    static bool isValid(const TDatagram& datagram) {
+        if (isTooSmall(datagram)) {
+            kelo::Log("Stream packet too small (less than header size) = %d bytes.\n",
+                      datagram.length);
+            return false;
         }
-        if (data[offsetof(THeaderImage, magic)] != KELO_IMAGE_MAGIC) {
+        if (bytesOf(datagram)[offsetof(THeaderImage, magic)] != KELO_IMAGE_MAGIC) {
             kelo::Log("Wrong stream packet magic number.\n");
-            return;
+            return false;
         }
-        const StreamPtr stream = findStream(ip, data[offsetof(THeaderImage, stream_number)]);
-        if (stream) stream->OnRcv(ip, data, size, port);
+        return true;
+    }
+
+    static uint8_t streamOf(const TDatagram& datagram) {
+        return bytesOf(datagram)[offsetof(THeaderImage, stream_number)];
+    }
+
+    // How many datagrams from the first, valid one on belong to its stream.
+    static size_t lengthOfRun(std::span<const TDatagram> datagrams) {
+        const TDatagram& first = datagrams.front();
+        const auto other =
+            std::find_if(datagrams.begin() + 1, datagrams.end(), [&](const TDatagram& datagram) {
+                return isTooSmall(datagram) || datagram.ip != first.ip ||
+                       bytesOf(datagram)[offsetof(THeaderImage, magic)] != KELO_IMAGE_MAGIC ||
+                       streamOf(datagram) != streamOf(first);
+            });
+        return static_cast<size_t>(other - datagrams.begin());
+    }
+
+    void receive(std::span<const TDatagram> datagrams) {
+        while (!datagrams.empty()) {
+            size_t handled = 1;
+            if (isValid(datagrams.front())) {
+                handled = lengthOfRun(datagrams);
+                const TDatagram& first = datagrams.front();
+                const StreamPtr stream = findStream(first.ip, streamOf(first));
+                if (stream) stream->OnRcvBatch(datagrams.first(handled));
+            }
+            datagrams = datagrams.subspan(handled);
+        }
     }
 
     void tick() {

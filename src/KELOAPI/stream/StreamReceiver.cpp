@@ -28,12 +28,18 @@ void StreamReceiver::InitStream(uint8_t stream_format, uint8_t header_format, ui
     refused_images.fill(std::nullopt);
 }
 
-void StreamReceiver::OnRcv(uint32_t, const void* data, int size, uint16_t) {
-    if (size <= static_cast<int>(sizeof(THeaderImage))) return;
-    const Packet packet = parse(data, size);
+void StreamReceiver::OnRcv(uint32_t ip, const void* data, int size, uint16_t) {
+    const TDatagram datagram{.ip = ip, .data = data, .length = size};
+    OnRcvBatch({&datagram, 1});
+}
+
+void StreamReceiver::OnRcvBatch(std::span<const TDatagram> datagrams) {
     const std::lock_guard lock(onrcv_mutex);
-    packet_received_flag = true;
-    receive(packet);
+    for (const TDatagram& datagram : datagrams) {
+        if (datagram.length <= static_cast<int>(sizeof(THeaderImage))) continue;
+        packet_received_flag = true;
+        receive(parse(datagram.data, datagram.length));
+    }
 }
 
 StreamReceiver::Packet StreamReceiver::parse(const void* data, int size) {

@@ -5,10 +5,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <utility>
 #include <vector>
 
 #include "FinishedImageQueue.h"
+#include "TPacketCommunicator.h"
 #include "img_common.h"
 
 // Puts the datagrams of one camera's stream together into whole images.
@@ -40,6 +42,9 @@ public:
 
     // One datagram that is longer than the image header and begins with its magic number.
     void OnRcv(uint32_t ip, const void* data, int size, uint16_t port);
+
+    // Several of them, with one lock.
+    void OnRcvBatch(std::span<const TDatagram> datagrams);
 
     // The tick: completes all images under reception if no packet came since the last tick.
     void finishTransfersIfNeeded();

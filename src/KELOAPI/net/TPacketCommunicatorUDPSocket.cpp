@@ -39,7 +39,6 @@ TPacketCommunicatorUDPSocket::~TPacketCommunicatorUDPSocket() {
 void TPacketCommunicatorUDPSocket::OpenSocket() {
     try {
         Socket = std::make_unique<UDPSocket>(bind_ip, bind_port);
-        Socket->setReceiveTimeout(kReceiveWaitMs);
         if (InBulk()) {
             Socket->requestReceiveBuffer(bulk_buffer_bytes);
             merging = Socket->allowMerging();
@@ -126,6 +125,7 @@ const char* TPacketCommunicatorUDPSocket::GetDescription() {
 
 void TPacketCommunicatorUDPSocket::RxThreadFunc(DatagramBatch& batch) {
     kelo::NameThisThread("kelo-rx");
+    Socket->setReceiveTimeout(kReceiveWaitMs);
     ReadyToReceive = true;
     while (!RxThreadStopWanted) {
         if (batch.Receive(Socket->getNativeHandle()) >= 0) {

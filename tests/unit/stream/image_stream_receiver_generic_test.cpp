@@ -107,6 +107,36 @@ TEST_F(UdpFrontTest, WrongMagicIsLoggedAndDropped) {
     EXPECT_TRUE(front_->IsBufferEmpty(kCamera, 0));
 }
 
+// Several cameras, streams and kinds of rubbish in one batch have the same effect as one by one.
+TEST_F(UdpFrontTest, ABatchIsHandledAsItsDatagramsInTheirOrder) {
+    InitStream(kCamera, 1);
+    InitStream(kOtherCamera, 0);
+    const std::vector<std::pair<uint32_t, std::string>> datagrams = {
+        {kCamera, ImagePacket{.image = 1, .stream = 0}.Bytes()},
+        {kCamera, ImagePacket{.image = 2, .stream = 0}.Bytes()},
+        {kCamera, "short"},
+        {kCamera, ImagePacket{.image = 3, .stream = 0}.Bytes()},
+        {kCamera, ImagePacket{.image = 1, .stream = 1}.Bytes()},
+        {kStranger, ImagePacket{.image = 1, .stream = 0}.Bytes()},
+        {kOtherCamera, ImagePacket{.image = 4, .stream = 0}.Bytes()},
+        {kCamera, ImagePacket{.stream = 0, .magic = 0xAB}.Bytes()},
+        {kCamera, ImagePacket{.image = 2, .stream = 1}.Bytes()},
+    };
+    std::vector<TDatagram> batch;
+    for (const auto& [ip, bytes] : datagrams) {
+        batch.push_back({ip, bytes.data(), static_cast<int>(bytes.size())});
+    }
+    front_->OnRcvBatch(nullptr, batch, 0);
+    EXPECT_EQ(front_->GetPendingCount(kCamera, 0), 3u);
+    EXPECT_EQ(front_->GetPendingCount(kCamera, 1), 2u);
+    EXPECT_EQ(front_->GetPendingCount(kOtherCamera, 0), 1u);
+    EXPECT_EQ(front_->GetImage(0, kOtherCamera, 0)->imageNumber, 4u);
+    EXPECT_THAT(log_.Lines(),
+                ElementsAre("Stream packet too small (less than header size) = 5 bytes.",
+                            "Wrong stream packet magic number."));
+    front_->OnRcvBatch(nullptr, {}, 0);
+}
+
 TEST_F(UdpFrontTest, DatagramsOfUnknownStreamsAreDroppedSilently) {
     SendImage(kCamera, 1);
     SendImage(kStranger, 0);

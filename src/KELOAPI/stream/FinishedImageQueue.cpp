@@ -83,9 +83,7 @@ void FinishedImageQueue::EndWaits() {
 unsigned char* FinishedImageQueue::allocateImage(uint32_t size) {
     if (size == 0 || size > kImageBytesMax) return nullptr;
     try {
-        unsigned char* data = ca.allocate(size);
-        std::memset(data, 0, size);
-        return data;
+        return ca.allocate(size);
     } catch (const std::exception&) {
         return nullptr;
     }
@@ -105,4 +103,9 @@ void FinishedImageQueue::finish(BufferInfo image) {
         return;
     }
     cv_wake_getimage.notify_one();
+}
+
+void clearImage(const BufferInfo& image, uint64_t begin, uint64_t end) {
+    end = std::min(end, uint64_t{image.bufferLength});
+    if (begin < end) std::memset(imageData(image) + begin, 0, end - begin);
 }

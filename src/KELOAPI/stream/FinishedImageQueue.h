@@ -45,7 +45,8 @@ protected:
     FinishedImageQueue() = default;
     ~FinishedImageQueue();
 
-    // A zeroed buffer, or null when none of that size can be had.
+    // A buffer with whatever its last image left in it, or null when none of that size can be had.
+    // Clearing it here would cost as much as filling it: the receivers clear what no data covered.
     unsigned char* allocateImage(uint32_t size);
 
     // Hands a completed image over: counts it, and gives it the stream's counters of this moment.
@@ -64,6 +65,9 @@ private:
     std::mutex get_image_mutex;              // held by GetImage for its whole run
     std::list<BufferInfo> finished_buffers;  // guarded by finished_buffers_mutex; oldest first
 };
+
+// Clears the image's memory from begin up to end, as far as it goes.
+void clearImage(const BufferInfo& image, uint64_t begin, uint64_t end);
 
 // The image's memory.
 inline unsigned char* imageData(const BufferInfo& image) {

@@ -66,7 +66,7 @@ void StreamReceiver::receive(const Packet& packet) {
         const uint32_t distance =
             place->positions_before - slidingWindowPositionPacketNumber + packet.number;
         if (distance < slidingWindowSize) {
-            placePayload(packet, receiving);
+            placePayload(packet, *place);
             record(distance);
             advance();
             return;
@@ -105,10 +105,13 @@ std::optional<StreamReceiver::Place> StreamReceiver::begin(const Packet& packet)
         return std::nullopt;
     }
     image.buffer = reinterpret_cast<uintptr_t>(data);
-    const ReceivingBufferMetadata metadata{
-        .payloadLength = packet.payload_length,
-        .payloadLengthCorrect = packet.number != packet.count - 1 && packet.count != 1,
-    };
+    const bool is_length_correct = packet.number != packet.count - 1 && packet.count != 1;
+    // Where the packets belong is not known yet: they may be moved, and leave traces.
+    if (!is_length_correct) clearImage(image, 0, image.bufferLength);
+    const ReceivingBufferMetadata metadata{.payloadLength = packet.payload_length,
+                                           .payloadLengthCorrect = is_length_correct,
+                                           .cleared = !is_length_correct,
+                                           .lastLength = 0};
 
     if (initializeOnNextPacket) slidingWindowPositionImageNumber = packet.image_number;
     initializeOnNextPacket = false;
@@ -186,12 +189,13 @@ bool StreamReceiver::recover(uint32_t distance) {
 
 // The packet count that counts is the image's own: a packet that claims another cannot move data
 // out of its place.
-void StreamReceiver::placePayload(const Packet& packet, ReceivingBuffer& receiving) {
-    auto& [image, metadata] = receiving;
+void StreamReceiver::placePayload(const Packet& packet, const Place& place) {
+    auto& [image, metadata] = receiving_buffers[place.index];
     const uint64_t length = image.bufferLength;
     const uint64_t last = image.allPacketsAmount - 1u;
+    const bool is_last = packet.number == last;
     unsigned char* data = imageData(image);
-    if (!metadata.payloadLengthCorrect && packet.number != last) {
+    if (!metadata.payloadLengthCorrect && !is_last) {
         // Only the last packet has come so far, and was placed as if all were of its length.
         const uint64_t from = last * metadata.payloadLength;
         const uint64_t to = last * packet.payload_length;
@@ -200,15 +204,42 @@ void StreamReceiver::placePayload(const Packet& packet, ReceivingBuffer& receivi
                 std::min({uint64_t{metadata.payloadLength}, length - from, length - to});
             std::memmove(data + to, data + from, bytes);
         }
-        metadata = {.payloadLength = packet.payload_length, .payloadLengthCorrect = true};
+        metadata.payloadLength = packet.payload_length;
+        metadata.payloadLengthCorrect = true;
     }
+    const bool fits_its_place = is_last ? packet.payload_length <= metadata.payloadLength
+                                        : packet.payload_length == metadata.payloadLength;
+    if (!metadata.cleared && !fits_its_place) clearUncovered(place);
     const uint64_t offset = uint64_t{metadata.payloadLength} * packet.number;
     if (offset < length) {
         std::memcpy(data + offset, packet.payload,
                     std::min(uint64_t{packet.payload_length}, length - offset));
     }
+    if (is_last) metadata.lastLength = std::max(metadata.lastLength, packet.payload_length);
     streamStatistics.bytesReceived += packet.payload_length;
     image.bufferStatistics.bytesReceived += packet.payload_length;
+}
+
+// A packet that is shorter or longer than its place has come: from here on the image is treated as
+// one that was cleared before its first packet.
+void StreamReceiver::clearUncovered(const Place& place) {
+    auto& [image, metadata] = receiving_buffers[place.index];
+    const uint64_t payload_length = metadata.payloadLength;
+    const uint32_t last = image.allPacketsAmount - 1u;
+    for (uint32_t number = 0; number < last; ++number) {
+        if (isCovered(place, number)) continue;
+        clearImage(image, number * payload_length, (number + 1) * payload_length);
+    }
+    clearImage(image, last * payload_length + metadata.lastLength, image.bufferLength);
+    metadata.cleared = true;
+}
+
+// Whether a packet of the image has been received, or written off and its place cleared.
+bool StreamReceiver::isCovered(const Place& place, uint32_t number) const {
+    if (place.index == 0 && number < slidingWindowPositionPacketNumber) return true;
+    const uint32_t distance = place.positions_before - slidingWindowPositionPacketNumber + number;
+    if (distance >= slidingWindowSize) return false;
+    return slidingWindow[(slidingWindowPosition + distance) % slidingWindowSize];
 }
 
 void StreamReceiver::record(uint32_t distance) {
@@ -271,6 +302,10 @@ uint32_t StreamReceiver::consume(uint32_t positions_max, Completion how) {
 void StreamReceiver::writeOff(uint32_t packets) {
     auto& [image, metadata] = receiving_buffers.front();
     const uint64_t bytes = uint64_t{packets} * metadata.payloadLength;
+    if (!metadata.cleared) {
+        const uint64_t begin = uint64_t{slidingWindowPositionPacketNumber} * metadata.payloadLength;
+        clearImage(image, begin, begin + bytes);
+    }
     streamStatistics.missingPackets += packets;
     streamStatistics.bytesLost += bytes;
     image.bufferStatistics.errorFlag = 1;
@@ -280,7 +315,11 @@ void StreamReceiver::writeOff(uint32_t packets) {
 }
 
 void StreamReceiver::completeFront(Completion how) {
-    const BufferInfo& image = receiving_buffers.front().first;
+    const auto& [image, metadata] = receiving_buffers.front();
+    if (!metadata.cleared) {
+        const uint64_t last = image.allPacketsAmount - 1u;
+        clearImage(image, last * metadata.payloadLength + metadata.lastLength, image.bufferLength);
+    }
     finish(image);
     if (how == Completion::Forced) {
         kelo::Log("Image %d completed (forcefully by timer - no new packets arrived).\n",

@@ -56,6 +56,10 @@ private:
     struct ReceivingBufferMetadata {
         uint32_t payloadLength;     // payload bytes per packet that are assumed for placing
         bool payloadLengthCorrect;  // taken from a packet that is not the image's last
+        // Whether what no packet covered has been cleared already; otherwise that is done packet by
+        // packet, when each is written off, and at the image's end.
+        bool cleared;
+        uint32_t lastLength;  // payload bytes of the last packet, 0 until it has come
     };
     using ReceivingBuffer = std::pair<BufferInfo, ReceivingBufferMetadata>;
 
@@ -95,7 +99,9 @@ private:
     bool isRefused(uint32_t image_number) const;
     bool isPacketNumberValid(const Packet& packet, uint16_t all_packets) const;
     bool recover(uint32_t distance);
-    void placePayload(const Packet& packet, ReceivingBuffer& receiving);
+    void placePayload(const Packet& packet, const Place& place);
+    void clearUncovered(const Place& place);
+    bool isCovered(const Place& place, uint32_t number) const;
     void record(uint32_t distance);
     void advance();
     bool tooManyWait() const;

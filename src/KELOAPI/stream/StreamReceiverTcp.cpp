@@ -233,7 +233,11 @@ bool StreamReceiverTcp::receiveImageData(BufferInfo& image, uint32_t length) {
         kelo::Log("TCP: stream %d: Allocated buffer to small for incoming TCP transfer.\n",
                   stream_number);
     }
-    switch (tcpReceiveAll(imageData(image), fitting)) {
+    size_t received = 0;
+    const Received result = tcpReceiveAll(imageData(image), fitting, received);
+    // The memory may still hold another image.
+    clearImage(image, received, image.bufferLength);
+    switch (result) {
         case Received::Ended:
             return false;
         case Received::Failed:
@@ -262,15 +266,17 @@ StreamReceiverTcp::Received StreamReceiverTcp::skip(size_t length) {
     return Received::Complete;
 }
 
-StreamReceiverTcp::Received StreamReceiverTcp::tcpReceiveAll(void* buffer, size_t length) {
-    auto* position = static_cast<std::byte*>(buffer);
-    while (length > 0) {
-        const ssize_t count = recv(tcp_socket.Get(), position, length, MSG_DONTWAIT);
+StreamReceiverTcp::Received StreamReceiverTcp::tcpReceiveAll(void* buffer, size_t length,
+                                                             size_t& received) {
+    auto* bytes = static_cast<std::byte*>(buffer);
+    received = 0;
+    while (received < length) {
+        const ssize_t count =
+            recv(tcp_socket.Get(), bytes + received, length - received, MSG_DONTWAIT);
         const int error = errno;
         if (streamReaderThreadQuit) return Received::Ended;
         if (count > 0) {
-            position += count;
-            length -= static_cast<size_t>(count);
+            received += static_cast<size_t>(count);
             receive_failures = 0;
         } else if (count == 0) {
             kelo::Log("TCP: stream %d: Connection closed.\n", stream_number);
@@ -285,6 +291,11 @@ StreamReceiverTcp::Received StreamReceiverTcp::tcpReceiveAll(void* buffer, size_
         }
     }
     return Received::Complete;
+}
+
+StreamReceiverTcp::Received StreamReceiverTcp::tcpReceiveAll(void* buffer, size_t length) {
+    size_t received = 0;
+    return tcpReceiveAll(buffer, length, received);
 }
 
 // False when the wait failed.

@@ -67,6 +67,8 @@ private:
     BufferInfo describeImage(const THeaderImage& header);
     Received skip(size_t length);
     Received tcpReceiveAll(void* buffer, size_t length);
+    // received is the number of bytes that came, also when not all did.
+    Received tcpReceiveAll(void* buffer, size_t length, size_t& received);
     bool waitReadable();
 
     // Guarded by onrcv_mutex.

@@ -49,6 +49,10 @@ public:
     // The tick: completes all images under reception if no packet came since the last tick.
     void finishTransfersIfNeeded();
 
+    // Completes all images under reception. The caller holds onrcv_mutex.
+    void finishTransfers();
+    using FinishedImageQueue::onrcv_mutex;
+
     const uint32_t ip_address;
     const uint8_t stream_number;
 
@@ -105,7 +109,6 @@ private:
     void record(uint32_t distance);
     void advance();
     bool tooManyWait() const;
-    void finishTransfers();
     uint32_t consume(uint32_t positions_max, Completion how);
     void writeOff(uint32_t packets);
     void completeFront(Completion how);

@@ -16,29 +16,49 @@ namespace {
 
 // How soon a connection attempt that is no longer wanted is noticed.
 constexpr int kWantedCheckMs = 10;
+// What a peer may still have sent is taken, but one that never stops sending is not listened to for
+// ever.
+constexpr int kFinalReadsMax = 256;
+
+// A connection attempt to a port of this very host where nobody listens can meet itself, when the
+// system happens to choose that port for it.
+bool isItsOwnPeer(int socket) {
+    sockaddr_in local{};
+    sockaddr_in peer{};
+    socklen_t local_length = sizeof(local);
+    socklen_t peer_length = sizeof(peer);
+    void* untyped_local = &local;
+    void* untyped_peer = &peer;
+    return getsockname(socket, static_cast<sockaddr*>(untyped_local), &local_length) == 0 &&
+           getpeername(socket, static_cast<sockaddr*>(untyped_peer), &peer_length) == 0 &&
+           local.sin_port == peer.sin_port && local.sin_addr.s_addr == peer.sin_addr.s_addr;
+}
 
 // Whether the socket, whose connecting has ended, is connected.
 bool isConnected(int socket) {
     int error = 0;
     socklen_t length = sizeof(error);
-    return getsockopt(socket, SOL_SOCKET, SO_ERROR, &error, &length) == 0 && error == 0;
+    return getsockopt(socket, SOL_SOCKET, SO_ERROR, &error, &length) == 0 && error == 0 &&
+           !isItsOwnPeer(socket);
 }
 
 }  // namespace
 
-void gracefullyCloseTcpSocket(FileDescriptor socket) {
-    if (!socket.IsOpen()) return;
-    shutdown(socket.Get(), SHUT_RDWR);
+void gracefullyCloseTcpSocket(int socket) {
+    const FileDescriptor owned(socket);
+    if (!owned.IsOpen()) return;
+    shutdown(socket, SHUT_RDWR);
     std::array<std::byte, 65536> scratch;
-    bool is_peer_sending = false;
-    while (recv(socket.Get(), scratch.data(), scratch.size(), MSG_DONTWAIT) >= 1) {
-        is_peer_sending = true;
+    int reads = 0;
+    while (reads < kFinalReadsMax &&
+           recv(socket, scratch.data(), scratch.size(), MSG_DONTWAIT) >= 1) {
+        ++reads;
     }
-    if (!is_peer_sending) return;
+    if (reads == 0) return;
     // The peer may be waiting for room, and the system does not tell it that there is some again:
     // only a reset keeps it from waiting for minutes.
     const linger reset_on_close{.l_onoff = 1, .l_linger = 0};
-    setsockopt(socket.Get(), SOL_SOCKET, SO_LINGER, &reset_on_close, sizeof(reset_on_close));
+    setsockopt(socket, SOL_SOCKET, SO_LINGER, &reset_on_close, sizeof(reset_on_close));
 }
 
 bool connectTcpSocket(const FileDescriptor& socket, uint32_t ip, uint16_t port, int limit_ms,
@@ -50,7 +70,7 @@ bool connectTcpSocket(const FileDescriptor& socket, uint32_t ip, uint16_t port, 
     // Through void*: the socket interface takes every kind of address by this pointer type.
     const void* untyped = &address;
     if (connect(socket.Get(), static_cast<const sockaddr*>(untyped), sizeof(address)) == 0) {
-        return true;
+        return !isItsOwnPeer(socket.Get());
     }
     if (errno != EINPROGRESS && errno != EINTR) return false;
 

@@ -8,8 +8,8 @@
 #include "FileDescriptor.h"
 
 // Shuts the socket down in both directions, takes what has already arrived, and closes it. A peer
-// that was still sending is told at once that nobody reads any more.
-void gracefullyCloseTcpSocket(FileDescriptor socket);
+// that was still sending is told at once that nobody reads any more. -1 is no socket.
+void gracefullyCloseTcpSocket(int socket);
 
 // Waits up to limit_ms for a TCP connection to ip:port (host order) and looks every 10 ms whether
 // it is still wanted. The socket is in non-blocking mode. Returns false with the socket in no
@@ -25,7 +25,7 @@ class TcpConnection {
 public:
     TcpConnection() = default;
     explicit TcpConnection(FileDescriptor socket) : socket_(std::move(socket)) {}
-    ~TcpConnection() { gracefullyCloseTcpSocket(std::move(socket_)); }
+    ~TcpConnection() { gracefullyCloseTcpSocket(socket_.Release()); }
     TcpConnection(TcpConnection&&) = default;
     TcpConnection& operator=(TcpConnection&& other) noexcept {
         std::swap(socket_, other.socket_);  // the other one closes what this one had

@@ -1,8 +1,11 @@
 #include "run_length.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <span>
+
+#include "literal_run.h"
 
 namespace {
 
@@ -21,6 +24,8 @@ public:
 
     // The result code, or kNextToken.
     int DecodeToken() {
+        // Runs follow each other in binary images: the search for literals is not begun there.
+        if (IsLiteral(input_[consumed_])) TakeLiterals();
         const uint8_t value = input_[consumed_];
         if (value == kEnd1) return 1;
         if (value == kEnd2) return 2;
@@ -38,6 +43,17 @@ public:
 private:
     bool OutputExceeded() const { return output_size_ < produced_; }
     bool InputEndsAt(uint32_t position) const { return input_.size() <= position; }
+
+    // Literals come in long rows: takes those that neither fill the output beyond its end nor are
+    // the input's last byte, which have results of their own.
+    void TakeLiterals() {
+        const size_t room = output_size_ - produced_;
+        const size_t left = input_.size() - 1 - consumed_;
+        const size_t count =
+            CopyLiterals(output_ + produced_, input_.data() + consumed_, std::min(room, left));
+        produced_ += static_cast<uint32_t>(count);
+        consumed_ += static_cast<uint32_t>(count);
+    }
 
     int DecodeZeroRun() {
         if (OutputExceeded()) return 3;

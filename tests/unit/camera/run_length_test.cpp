@@ -127,4 +127,31 @@ TEST(RunLengthSizes, AgreesWithTheSlowDecoderOnRandomInput) {
     }
 }
 
+// Rows of literals are copied many at a time: all lengths and both limits, input and output.
+TEST(RunLengthSizes, AgreesWithTheSlowDecoderOnRowsOfLiterals) {
+    std::mt19937 random(11);
+    for (uint32_t row = 0; row < 200; ++row) {
+        for (int round = 0; round < 10; ++round) {
+            Bytes input;
+            for (uint32_t i = 0; i < row; ++i) {
+                input.push_back(static_cast<uint8_t>(3 + random() % 252));
+            }
+            const Bytes ends[] = {{1}, {2}, {0, 4, 0, 1}, {0xFF, 4, 1}, {0}, {0xFF}, {}};
+            const Bytes& end = ends[random() % std::size(ends)];
+            input.insert(input.end(), end.begin(), end.end());
+            if (input.empty()) continue;
+            // Around the row's length, so that the output ends before, at and behind it.
+            const uint32_t around = row + random() % 12;
+            const uint32_t size = around > 4 ? around - 4 : 0;
+            Bytes expected(size + 1, 0xEE);
+            Bytes output(size + 1, 0xEE);
+            const int result = SlowDecode(expected, input, size);
+            ASSERT_EQ(DecodeRLE(output.data(), input.data(), static_cast<int>(size),
+                                static_cast<int>(input.size())),
+                      result);
+            ASSERT_EQ(output, expected);
+        }
+    }
+}
+
 }  // namespace

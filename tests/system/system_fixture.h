@@ -112,6 +112,21 @@ protected:
     kelosim::Simulator simulator;
 };
 
+// A stream of so many images of a moving test chart.
+inline kelosim::StreamConfig ChartStream(uint32_t images, double rate) {
+    kelosim::StreamConfig stream;
+    stream.source = kelosim::MakeTestChart8(320, 200);
+    stream.frame_rate = rate;
+    stream.image_count = images;
+    return stream;
+}
+
+inline kelosim::CameraConfig With(std::vector<kelosim::StreamConfig> streams) {
+    kelosim::CameraConfig config;
+    config.streams = std::move(streams);
+    return config;
+}
+
 // The bytes of an image, as the application sees them.
 inline std::vector<uint8_t> DataOf(IMAGE_BUFFER_HANDLE image) {
     const unsigned char* data = keloGetImageData(image);

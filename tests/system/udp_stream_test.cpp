@@ -6,16 +6,7 @@ namespace {
 class UdpStream : public SystemTest {
 protected:
     static kelosim::StreamConfig Chart(uint32_t images, double rate = 200) {
-        kelosim::StreamConfig stream;
-        stream.source = kelosim::MakeTestChart8(320, 200);
-        stream.frame_rate = rate;
-        stream.image_count = images;
-        return stream;
-    }
-    static kelosim::CameraConfig With(std::vector<kelosim::StreamConfig> streams) {
-        kelosim::CameraConfig config;
-        config.streams = std::move(streams);
-        return config;
+        return ChartStream(images, rate);
     }
     // Packets of an image of Chart() over a path of 1500 bytes.
     static constexpr uint32_t kPayload = 1500 - 28 - 14;

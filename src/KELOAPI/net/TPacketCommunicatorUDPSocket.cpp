@@ -15,8 +15,10 @@ namespace {
 constexpr int kReceiveWaitMs = 100;
 constexpr int kErrorPauseMs = 1;
 // Messages taken with one system call where there is much to receive. More would leave the cache
-// between the kernel's copy and the receiver's.
+// between the kernel's copy and the receiver's; messages of merged datagrams are large, so fewer of
+// them do.
 constexpr size_t kBulkMessages = 32;
+constexpr size_t kMergedMessages = 8;
 constexpr uint32_t kBroadcast = 0xFFFFFFFF;
 
 }  // namespace
@@ -61,8 +63,9 @@ void TPacketCommunicatorUDPSocket::StartRxThread() {
     if (UDPStatus != UDPST_OK) return;
     RxThreadStopWanted = false;
     // Made here, where a want of memory can be reported.
-    auto batch = std::make_unique<DatagramBatch>(InBulk() ? kBulkMessages : 1,
-                                                 static_cast<size_t>(MaxPacketSize), merging);
+    const size_t messages = merging ? kMergedMessages : InBulk() ? kBulkMessages : 1;
+    auto batch =
+        std::make_unique<DatagramBatch>(messages, static_cast<size_t>(MaxPacketSize), merging);
     RxThread = std::thread([this, batch = std::move(batch)] { RxThreadFunc(*batch); });
 }
 

@@ -564,9 +564,9 @@ TEST_F(TcpStreamTest, PeerThatHasClosedIsReplacedBeforeTheReaderNotices) {
 }
 
 TEST_F(TcpStreamTest, TenThousandReconnectionsLoseNoDescriptor) {
+    const size_t before = OpenDescriptors();
     Connect().Close();
     ASSERT_TRUE(AwaitLines(Line("Connection closed.")));
-    const size_t before = OpenDescriptors();
     kelo::Logging(false);
     for (int i = 0; i < 10000; ++i) {
         InitStream();

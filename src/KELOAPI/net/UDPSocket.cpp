@@ -33,9 +33,14 @@ sockaddr* Generic(sockaddr_in& address) {
 UDPSocket::UDPSocket(u16 port) : UDPSocket(INADDR_ANY, port) {}
 
 UDPSocket::UDPSocket(uint32_t ip, u16 port) : fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-    setReusePort();
+    // A port that the system chooses must be this socket's alone: with address reuse allowed it may
+    // choose one that another such socket has, and each would get half of the other's datagrams.
+    // Once it is bound, reuse lets sockets on other addresses share the port on purpose.
+    const bool system_chooses = port == 0;
+    if (!system_chooses) setReusePort();
     setBroadcast();
     bind(ip, port);
+    if (system_chooses) setReusePort();
 }
 
 void UDPSocket::setReusePort() {

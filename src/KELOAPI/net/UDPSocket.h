@@ -19,7 +19,7 @@ public:
 
     // Bound to port on every interface.
     explicit UDPSocket(u16 port);
-    // Bound to ip:port, with address reuse and broadcast allowed.
+    // Bound to ip:port, with address reuse and broadcast allowed. Port 0 gives a port of its own.
     UDPSocket(uint32_t ip, u16 port);
 
     void setReusePort();

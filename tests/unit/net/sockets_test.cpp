@@ -1,7 +1,11 @@
 // The datagram socket and the list of the host's interfaces, on a loopback interface of their own.
 
 #include <cstring>
+#include <fstream>
+#include <memory>
 #include <optional>
+#include <set>
+#include <vector>
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -124,6 +128,28 @@ TEST_F(UDPSocketTest, IsADatagramSocketThatMayShareItsPortAndBroadcast) {
     EXPECT_EQ(1, Option(receiver, SO_BROADCAST));
     UDPSocket second(kLoopback, receiver.getPort());
     EXPECT_EQ(receiver.getPort(), second.getPort());
+}
+
+// With reuse allowed while it chooses, the system may give out a port that another such socket has,
+// and the two would share each other's datagrams by chance.
+TEST_F(UDPSocketTest, PortsThatTheSystemChoosesAreNeverShared) {
+    if (!kelo::test::InPrivateNetwork()) GTEST_SKIP() << "narrows the choice of ports";
+    std::ofstream range("/proc/sys/net/ipv4/ip_local_port_range");
+    range << "40000 40003" << std::flush;
+    if (!range) GTEST_SKIP() << "the choice of ports cannot be narrowed here";
+    std::set<uint16_t> ports;
+    std::vector<std::unique_ptr<UDPSocket>> sockets;
+    for (int i = 0; i < 4; ++i) {
+        sockets.push_back(std::make_unique<UDPSocket>(kLoopback, 0));
+        ports.insert(sockets.back()->getPort());
+    }
+    EXPECT_THAT(ports, testing::ElementsAre(40000, 40001, 40002, 40003));
+    EXPECT_EQ(0, UDPSocket(kLoopback, 0).getPort());
+    // On purpose they are: by the same number on another address, and on the same.
+    EXPECT_EQ(40001, UDPSocket(Address(127, 0, 0, 2), 40001).getPort());
+    EXPECT_EQ(40001, UDPSocket(kLoopback, 40001).getPort());
+    range.seekp(0);
+    range << "32768 60999" << std::flush;
 }
 
 TEST_F(UDPSocketTest, BindReturnsTheSystemsResult) {

@@ -96,13 +96,6 @@ void UDPSocket::requestReceiveBuffer(int size) {
     }
 }
 
-int UDPSocket::getReceiveBuffer() {
-    int size = 0;
-    socklen_t length = sizeof(size);
-    if (getsockopt(fd.Get(), SOL_SOCKET, SO_RCVBUF, &size, &length) != 0) return 0;
-    return size;
-}
-
 void UDPSocket::setReceiveTimeout(int timeout_ms) {
     const timeval timeout{.tv_sec = timeout_ms / 1000, .tv_usec = timeout_ms % 1000 * 1000};
     setsockopt(fd.Get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));

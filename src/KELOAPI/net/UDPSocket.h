@@ -43,8 +43,6 @@ public:
     // Asks for a receive buffer of that many bytes, beyond the system's limit where the process
     // may; silently takes what it gets.
     void requestReceiveBuffer(int size);
-    // What the kernel has granted, its own overhead included; 0 when unknown.
-    int getReceiveBuffer();
 
     // All return the system's result: bytes or -1 with errno.
     ssize_t send(const void* data, size_t length);

@@ -7,7 +7,6 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/udp.h>
-#include <poll.h>
 #include <sys/time.h>
 
 namespace {
@@ -124,30 +123,15 @@ ssize_t UDPSocket::sendmsg(const msghdr* message) {
 }
 
 ssize_t UDPSocket::receive(void* buf, size_t len, uint32_t* ip, uint16_t* port) {
-    return receiveWithFlags(buf, len, ip, port, 0);
-}
-
-ssize_t UDPSocket::receiveWaiting(void* buf, size_t len, uint32_t* ip) {
-    return receiveWithFlags(buf, len, ip, nullptr, MSG_DONTWAIT);
-}
-
-ssize_t UDPSocket::receiveWithFlags(void* buf, size_t len, uint32_t* ip, uint16_t* port,
-                                    int flags) {
-    if (ip == nullptr) return ::recv(fd.Get(), buf, len, flags);
+    if (ip == nullptr) return ::recv(fd.Get(), buf, len, 0);
     sockaddr_in sender{};
     socklen_t length = sizeof(sender);
-    const ssize_t count = ::recvfrom(fd.Get(), buf, len, flags, Generic(sender), &length);
+    const ssize_t count = ::recvfrom(fd.Get(), buf, len, 0, Generic(sender), &length);
     if (count >= 0) {
         *ip = ntohl(sender.sin_addr.s_addr);
         if (port != nullptr) *port = ntohs(sender.sin_port);
     }
     return count;
-}
-
-int UDPSocket::waitReadable(int timeout_ms) {
-    pollfd wanted{.fd = fd.Get(), .events = POLLIN, .revents = 0};
-    // A socket with a pending error counts as readable: receiving fetches and clears the error.
-    return ::poll(&wanted, 1, timeout_ms);
 }
 
 void UDPSocket::setNonBlocking(bool non_blocking) {

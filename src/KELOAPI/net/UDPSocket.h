@@ -51,10 +51,6 @@ public:
     ssize_t sendmsg(const msghdr* message);
     // Stores the sender's address if ip is given, and its port if both are.
     ssize_t receive(void* buf, size_t len, uint32_t* ip, uint16_t* port);
-    // The same, without waiting whatever the socket's mode.
-    ssize_t receiveWaiting(void* buf, size_t len, uint32_t* ip);
-    // Waits until a datagram is there. 1: yes, 0: time is over, -1: the wait failed.
-    int waitReadable(int timeout_ms);
 
     void setNonBlocking(bool non_blocking);
     // The local port, 0 when unknown.
@@ -62,7 +58,5 @@ public:
     int getNativeHandle() const { return fd.Get(); }
 
 private:
-    ssize_t receiveWithFlags(void* buf, size_t len, uint32_t* ip, uint16_t* port, int flags);
-
     FileDescriptor fd;
 };

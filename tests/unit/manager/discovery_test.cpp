@@ -4,6 +4,7 @@
 
 #include "UDPSocket.h"
 #include "manager_fixture.h"
+#include "wait_readable.h"
 
 namespace kelo::test {
 namespace {
@@ -15,7 +16,7 @@ protected:
         Bytes datagram(1000);
         uint32_t ip = 0;
         uint16_t port = 0;
-        if (listener.waitReadable(5000) <= 0) return {};
+        if (WaitReadable(listener, 5000) <= 0) return {};
         const ssize_t count = listener.receive(datagram.data(), datagram.size(), &ip, &port);
         datagram.resize(static_cast<size_t>(std::max<ssize_t>(count, 0)));
         if (from_ip != nullptr) *from_ip = ip;
@@ -107,7 +108,7 @@ TEST_F(Discovery, DoesNotWaitForASessionWithARequestUnderWay) {
         answered = true;
     });
     // The session waits for its answer from here on.
-    EXPECT_EQ(camera.waitReadable(5000), 1);
+    EXPECT_EQ(WaitReadable(camera, 5000), 1);
     Receive(identity);
     EXPECT_EQ(manager->Discover(0, 0), 1u);
     // On a busy machine an attempt may have timed out meanwhile: the one under way is answered.
@@ -167,7 +168,7 @@ TEST_F(Discovery, AtMost1024CamerasAreKept) {
 
 TEST_F(Discovery, SetIpOfAnUnknownHandleSendsNothing) {
     EXPECT_EQ(manager->setCameraIP(1, 2, 3), KELO_STATUS_ERROR);
-    EXPECT_EQ(listener.waitReadable(0), 0);
+    EXPECT_EQ(WaitReadable(listener, 0), 0);
 }
 
 TEST_F(Discovery, SetIpBroadcastsTheCommandAndForgetsTheCamera) {

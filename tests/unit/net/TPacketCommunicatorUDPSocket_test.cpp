@@ -11,6 +11,7 @@
 #include "log_capture.h"
 #include "network_namespace.h"
 #include "wait_for.h"
+#include "wait_readable.h"
 
 using kelo::test::Address;
 using kelo::test::LogCapture;
@@ -367,7 +368,7 @@ TEST_F(CommunicatorTest, RetiredItNeverReceivesAgainButStillSends) {
     EXPECT_LE(ThreadsOfThisProcess(), threads);
     SendTo(*communicator, "after");
     EXPECT_EQ(4, communicator->Send(kLoopback, peer.getPort(), "last", 4));
-    EXPECT_EQ(1, peer.waitReadable(20000));
+    EXPECT_EQ(1, kelo::test::WaitReadable(peer, 20000));
     EXPECT_THAT(receiver.Texts(), ElementsAre("before"));
 }
 
@@ -377,7 +378,7 @@ TEST_F(CommunicatorTest, SendsFromItsOwnPort) {
     char text[20];
     uint32_t ip = 0;
     uint16_t port = 0;
-    ASSERT_EQ(1, peer.waitReadable(20000));
+    ASSERT_EQ(1, kelo::test::WaitReadable(peer, 20000));
     EXPECT_EQ(7, peer.receive(text, sizeof(text), &ip, &port));
     EXPECT_EQ("request", std::string(text, 7));
     EXPECT_EQ(communicator->GetSocketPort(), port);
@@ -389,8 +390,8 @@ TEST_F(CommunicatorTest, AnAddressOfAllOnesIsABroadcast) {
     const auto communicator = Make();
     EXPECT_EQ(4, communicator->Send(0xFFFFFFFF, anywhere.getPort(), "find", 4));
     // Only a broadcast reaches every socket on the port.
-    EXPECT_EQ(1, anywhere.waitReadable(20000));
-    EXPECT_EQ(1, also_there.waitReadable(20000));
+    EXPECT_EQ(1, kelo::test::WaitReadable(anywhere, 20000));
+    EXPECT_EQ(1, kelo::test::WaitReadable(also_there, 20000));
 }
 
 TEST_F(CommunicatorTest, ASendThatTheSystemRefusesGivesMinusOneAndNoMessage) {
@@ -453,7 +454,7 @@ TEST_F(CommunicatorTest, AFailedReceiveIsLoggedAndReceptionGoesOn) {
     peer = UDPSocket(kLoopback, 0);
     refused.setDestination(kLoopback, peer_port);
     refused.send("x", 1);
-    ASSERT_EQ(1, refused.waitReadable(20000));
+    ASSERT_EQ(1, kelo::test::WaitReadable(refused, 20000));
     ASSERT_EQ(descriptor, dup2(refused.getNativeHandle(), descriptor));
 
     const std::string failed =

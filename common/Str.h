@@ -29,8 +29,8 @@ public:
         return *this;
     }
 
-    operator const char*() const { return storage.c_str(); }  // NOLINT(google-explicit-constructor)
-    operator StrArg() const { return StrArg(storage); }       // NOLINT(google-explicit-constructor)
+    operator const char*() const { return storage.c_str(); }
+    operator StrArg() const { return StrArg(storage); }
     const char* c_str() const { return storage.c_str(); }
 
 private:

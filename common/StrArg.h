@@ -7,9 +7,9 @@ struct StrArg {
     const char* ptr;
 
     // Implicit on purpose: functions take a StrArg so that callers may pass either kind of text.
-    StrArg(const std::string& text) : ptr(text.c_str()) {}  // NOLINT(google-explicit-constructor)
-    StrArg(const char* text) : ptr(text) {}                 // NOLINT(google-explicit-constructor)
+    StrArg(const std::string& text) : ptr(text.c_str()) {}
+    StrArg(const char* text) : ptr(text) {}
 
-    operator const char*() const { return ptr; }  // NOLINT(google-explicit-constructor)
+    operator const char*() const { return ptr; }
     const char* c_str() const { return ptr; }
 };

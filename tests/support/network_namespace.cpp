@@ -54,7 +54,7 @@ bool InPrivateNetwork() {
 
 void Ip(const std::string& arguments) {
     if (!in_private_network) throw std::logic_error("refused: ip " + arguments);
-    if (std::system(("ip " + arguments).c_str()) != 0) {  // NOLINT(cert-env33-c)
+    if (std::system(("ip " + arguments).c_str()) != 0) {
         throw std::runtime_error("failed: ip " + arguments);
     }
 }

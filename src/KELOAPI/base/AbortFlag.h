@@ -8,10 +8,9 @@
 class AbortFlag {
 public:
     AbortFlag() = default;
-    AbortFlag(std::nullptr_t) {}             // NOLINT(google-explicit-constructor)
-    AbortFlag(bool* flag) : plain_(flag) {}  // NOLINT(google-explicit-constructor)
-    AbortFlag(const std::atomic<bool>* flag)
-        : atomic_(flag) {}  // NOLINT(google-explicit-constructor)
+    AbortFlag(std::nullptr_t) {}
+    AbortFlag(bool* flag) : plain_(flag) {}
+    AbortFlag(const std::atomic<bool>* flag) : atomic_(flag) {}
 
     bool IsPresent() const { return plain_ != nullptr || atomic_ != nullptr; }
     bool IsSet() const {

@@ -9,6 +9,8 @@
 // Calls a function again and again on a thread of its own.
 //
 // The next deadline is taken after each call has returned: calls never overlap and never catch up.
+// It is taken on the steady clock: setting the host's time must neither hold images back nor finish
+// them early.
 // start and stop belong to one owner; the function must not call them on its own timer.
 class Timer {
 public:

@@ -24,7 +24,7 @@ public:
         bytes_ += text;
         return *this;
     }
-    operator std::string() const { return bytes_; }  // NOLINT(google-explicit-constructor)
+    operator std::string() const { return bytes_; }
 
 private:
     std::string bytes_;

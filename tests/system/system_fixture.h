@@ -108,6 +108,16 @@ protected:
         return keloSetRegisterInt(handle, reg, &value);
     }
 
+    // end(handle) makes a wait for an image, which would take 100 s, return null.
+    template <typename End>
+    static void ExpectToEndAWaitForAnImage(CAM_HANDLE handle, End end) {
+        const auto begin = steady_clock::now();
+        std::thread waiter([=] { EXPECT_EQ(keloGetNextImageTimeout(handle, 0, 100000), nullptr); });
+        EXPECT_EQ(end(handle), KELO_STATUS_SUCCESS);
+        waiter.join();
+        EXPECT_LT(steady_clock::now() - begin, seconds(20));
+    }
+
     LogCapture log;
     kelosim::Simulator simulator;
 };

@@ -7,6 +7,7 @@
 
 #include <execinfo.h>
 #include <pthread.h>
+#include <sys/prctl.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -63,6 +64,11 @@ void Sleep(int ms) {
 
 void NameThisThread(const char* name) {
     pthread_setname_np(pthread_self(), name);
+}
+
+void WakeThisThreadOnTime() {
+    constexpr unsigned long kSlackNs = 1000;
+    prctl(PR_SET_TIMERSLACK, kSlackNs, 0, 0, 0);
 }
 
 }  // namespace kelo

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstddef>
+#include <memory>
 #include <span>
 #include <vector>
 
@@ -17,8 +18,8 @@
 // construction but for the list of merged datagrams, which soon has its final size.
 class DatagramBatch {
 public:
-    // messages at once; datagrams are cut to datagram_bytes_max each. merging makes room for what
-    // the kernel merges.
+    // Up to messages at once; datagrams are cut to datagram_bytes_max each. merging makes room for
+    // what the kernel merges.
     DatagramBatch(size_t messages, size_t datagram_bytes_max, bool merging);
     DatagramBatch(const DatagramBatch&) = delete;
     DatagramBatch& operator=(const DatagramBatch&) = delete;
@@ -29,6 +30,10 @@ public:
 
     // What the last Receive brought, in the order of arrival; valid until the next.
     std::span<const TDatagram> Datagrams() const { return datagrams_; }
+    // Their bytes, all together.
+    size_t Bytes() const { return bytes_; }
+    // Whether as many messages came as one Receive takes: there may be more.
+    bool IsFull() const { return used_ == wanted_; }
 
 private:
     struct Message {
@@ -37,15 +42,18 @@ private:
         alignas(cmsghdr) std::array<std::byte, CMSG_SPACE(sizeof(int))> control;
     };
 
+    size_t Wanted() const;
     void Prepare(size_t count);
     void Unpack(const Message& message, const mmsghdr& header);
 
     const size_t datagram_bytes_max_;
     const bool merging_;
     const size_t message_bytes_;
-    std::vector<std::byte> memory_;
+    const std::unique_ptr<std::byte[]> memory_;  // what no message has reached costs nothing
     std::vector<Message> messages_;
     std::vector<mmsghdr> headers_;
     std::vector<TDatagram> datagrams_;
-    size_t used_;  // headers that the last call may have changed
+    size_t bytes_ = 0;
+    size_t wanted_;  // messages that the last call could take
+    size_t used_;    // headers that it may have changed
 };

@@ -17,6 +17,15 @@ struct TDatagram {
     int length;
 };
 
+// What a receiver expects after the datagrams that it was given.
+struct TOutlook {
+    // So many more must come, at least, before the receiver has something to hand over. 0 when that
+    // is not known, or may be at any moment.
+    uint32_t until_wanted = 0;
+    // Something new began with these datagrams: the time before them was a pause.
+    bool begins = false;
+};
+
 // Takes the datagrams that a communicator receives.
 class IPacketReceiver {
 public:
@@ -26,12 +35,14 @@ public:
                        unsigned short port) = 0;
     virtual ~IPacketReceiver() = default;
     // Several datagrams that arrived together, in the order of their arrival. For receivers that
-    // can do with one look-up and one lock for all of them.
-    virtual void OnRcvBatch(TPacketCommunicator* from, std::span<const TDatagram> datagrams,
-                            unsigned short port) {
+    // can do with one look-up and one lock for all of them. The communicator may let the next ones
+    // gather for a moment where the outlook allows it.
+    virtual TOutlook OnRcvBatch(TPacketCommunicator* from, std::span<const TDatagram> datagrams,
+                                unsigned short port) {
         for (const TDatagram& datagram : datagrams) {
             OnRcv(from, datagram.ip, datagram.data, datagram.length, port);
         }
+        return {};
     }
 };
 

@@ -7,6 +7,7 @@
 #include <system_error>
 
 #include "DatagramBatch.h"
+#include "ReceptionPause.h"
 #include "utils.h"
 
 namespace {
@@ -15,11 +16,11 @@ namespace {
 constexpr int kReceiveWaitMs = 100;
 constexpr int kErrorPauseMs = 1;
 // Messages taken with one system call where there is much to receive. More would leave the cache
-// between the kernel's copy and the receiver's; messages of merged datagrams are large, so fewer of
-// them do.
+// between the kernel's copy and the receiver's.
 constexpr size_t kBulkMessages = 32;
-constexpr size_t kMergedMessages = 8;
 constexpr uint32_t kBroadcast = 0xFFFFFFFF;
+// Bridges some 40 ms at 1 Gbit/s and 4 ms at 10 Gbit/s, what a loaded machine lets a thread wait.
+constexpr int kBufferBytesWanted = 4 << 20;
 
 }  // namespace
 
@@ -41,16 +42,24 @@ TPacketCommunicatorUDPSocket::~TPacketCommunicatorUDPSocket() {
 void TPacketCommunicatorUDPSocket::OpenSocket() {
     try {
         Socket = std::make_unique<UDPSocket>(bind_ip, bind_port);
-        if (InBulk()) {
-            Socket->requestReceiveBuffer(bulk_buffer_bytes);
-            merging = Socket->allowMerging();
-        }
+        if (InBulk()) TakeBulkBuffer();
         actual_port = Socket->getPort();
         UDPStatus = actual_port != 0 ? UDPST_OK : UDPST_BAD_PORT;
     } catch (...) {
         actual_port = 0;
         UDPStatus = UDPST_BAD_PORT;
     }
+}
+
+// A buffer that is cut short shows only much later, when the machine is busy and images are lost.
+void TPacketCommunicatorUDPSocket::TakeBulkBuffer() {
+    granted_buffer_bytes = Socket->requestReceiveBuffer(bulk_buffer_bytes);
+    merging = Socket->allowMerging();
+    if (granted_buffer_bytes == 0 || granted_buffer_bytes / 2 >= kBufferBytesWanted) return;
+    kelo::Log(
+        "The system limits the receive buffer for images to %d KiB, below the %d KiB that bridge a "
+        "stalled reception: images may be lost. Cure: sysctl -w net.core.rmem_max=%d\n",
+        granted_buffer_bytes / 2 / 1024, kBufferBytesWanted / 1024, bulk_buffer_bytes);
 }
 
 void TPacketCommunicatorUDPSocket::StartRxThread() {
@@ -63,7 +72,7 @@ void TPacketCommunicatorUDPSocket::StartRxThread() {
     if (UDPStatus != UDPST_OK) return;
     RxThreadStopWanted = false;
     // Made here, where a want of memory can be reported.
-    const size_t messages = merging ? kMergedMessages : InBulk() ? kBulkMessages : 1;
+    const size_t messages = InBulk() ? kBulkMessages : 1;
     auto batch =
         std::make_unique<DatagramBatch>(messages, static_cast<size_t>(MaxPacketSize), merging);
     RxThread = std::thread([this, batch = std::move(batch)] { RxThreadFunc(*batch); });
@@ -130,12 +139,18 @@ void TPacketCommunicatorUDPSocket::RxThreadFunc(DatagramBatch& batch) {
     kelo::NameThisThread("kelo-rx");
     Socket->setReceiveTimeout(kReceiveWaitMs);
     ReadyToReceive = true;
+    ReceptionPause pause(static_cast<size_t>(granted_buffer_bytes));
+    if (InBulk()) kelo::WakeThisThreadOnTime();
     while (!RxThreadStopWanted) {
-        if (batch.Receive(Socket->getNativeHandle()) >= 0) {
-            Deliver(batch.Datagrams());
-        } else {
+        if (batch.Receive(Socket->getNativeHandle()) < 0) {
             HandleReceiveError(errno);
+            continue;
         }
+        const TOutlook outlook = Deliver(batch.Datagrams());
+        if (!InBulk()) continue;
+        const auto length = pause.After(ReceptionPause::Clock::now(), batch.Datagrams().size(),
+                                        batch.Bytes(), outlook, !batch.IsFull());
+        if (length.count() > 0) std::this_thread::sleep_for(length);
     }
 }
 
@@ -151,11 +166,12 @@ void TPacketCommunicatorUDPSocket::HandleReceiveError(int error) {
 
 // What a datagram makes a receiver throw, for want of memory, costs that datagram and not the
 // process.
-void TPacketCommunicatorUDPSocket::Deliver(std::span<const TDatagram> datagrams) {
+TOutlook TPacketCommunicatorUDPSocket::Deliver(std::span<const TDatagram> datagrams) {
     try {
-        Receiver->OnRcvBatch(this, datagrams, actual_port);
+        return Receiver->OnRcvBatch(this, datagrams, actual_port);
     } catch (const std::exception& exception) {
         kelo::Log("TPacketCommunicatorUDPSocket::RxThreadFunc :: datagram dropped: %s\n",
                   exception.what());
+        return {};
     }
 }

@@ -45,9 +45,10 @@ public:
 
 private:
     void OpenSocket();
+    void TakeBulkBuffer();
     void RxThreadFunc(DatagramBatch& batch);
     void HandleReceiveError(int error);
-    void Deliver(std::span<const TDatagram> datagrams);
+    TOutlook Deliver(std::span<const TDatagram> datagrams);
     bool InBulk() const { return bulk_buffer_bytes != 0; }
 
     const int MaxPacketSize;
@@ -67,6 +68,7 @@ private:
     std::unique_ptr<UDPSocket> Socket;  // null when closed; replaced only under both mutexes, with
                                         // no receive thread running
     bool merging = false;               // of Socket
+    int granted_buffer_bytes = 0;       // of Socket, in bulk
     std::atomic<uint16_t> actual_port{0};
     std::atomic<TUDPStatus> UDPStatus{UDPST_ERROR};
 };

@@ -89,10 +89,13 @@ void UDPSocket::setBufferSize(int size) {
     }
 }
 
-void UDPSocket::requestReceiveBuffer(int size) {
+int UDPSocket::requestReceiveBuffer(int size) {
     if (setsockopt(fd.Get(), SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof(size)) != 0) {
         setsockopt(fd.Get(), SOL_SOCKET, SO_RCVBUF, &size, sizeof(size));
     }
+    int granted = 0;
+    socklen_t length = sizeof(granted);
+    return getsockopt(fd.Get(), SOL_SOCKET, SO_RCVBUF, &granted, &length) == 0 ? granted : 0;
 }
 
 void UDPSocket::setReceiveTimeout(int timeout_ms) {

@@ -41,8 +41,9 @@ public:
     // does not know how.
     bool allowMerging();
     // Asks for a receive buffer of that many bytes, beyond the system's limit where the process
-    // may; silently takes what it gets.
-    void requestReceiveBuffer(int size);
+    // may, and silently takes less. Returns what it got, which the kernel has doubled for its own
+    // bookkeeping; 0 when that is not known.
+    int requestReceiveBuffer(int size);
 
     // All return the system's result: bytes or -1 with errno.
     ssize_t send(const void* data, size_t length);

@@ -8,6 +8,7 @@
 #include <mutex>
 #include <span>
 
+#include "LockedStreams.h"
 #include "StreamReceiver.h"
 #include "StreamReceiverFront.h"
 #include "TPacketCommunicator.h"
@@ -67,14 +68,17 @@ public:
         OnRcvBatch(from, {&datagram, 1}, port);
     }
 
-    // One look-up and one lock for all neighbouring datagrams of a stream.
-    void OnRcvBatch(TPacketCommunicator*, std::span<const TDatagram> datagrams,
-                    unsigned short) override {
+    // One look-up and one lock for all datagrams of a stream.
+    TOutlook OnRcvBatch(TPacketCommunicator*, std::span<const TDatagram> datagrams,
+                        unsigned short) override {
+        TOutlook outlook{};
         try {
-            receive(datagrams);
+            while (!datagrams.empty())
+                datagrams = datagrams.subspan(receive(datagrams, outlook));
         } catch (const std::exception& e) {
             kelo::Log("Stream packet dropped: %s\n", e.what());
         }
+        return outlook;
     }
 
     // The tick: each stream completes its images if no packet came since the last one.
@@ -102,17 +106,21 @@ private:
         return static_cast<unsigned>(datagram.length) <= sizeof(THeaderImage);
     }
 
+    static bool hasMagic(const TDatagram& datagram) {
+        return bytesOf(datagram)[offsetof(THeaderImage, magic)] == KELO_IMAGE_MAGIC;
+    }
+
     static bool isValid(const TDatagram& datagram) {
+        return !isTooSmall(datagram) && hasMagic(datagram);
+    }
+
+    static void logInvalid(const TDatagram& datagram) {
         if (isTooSmall(datagram)) {
             kelo::Log("Stream packet too small (less than header size) = %d bytes.\n",
                       datagram.length);
-            return false;
-        }
-        if (bytesOf(datagram)[offsetof(THeaderImage, magic)] != KELO_IMAGE_MAGIC) {
+        } else {
             kelo::Log("Wrong stream packet magic number.\n");
-            return false;
         }
-        return true;
     }
 
     static uint8_t streamOf(const TDatagram& datagram) {
@@ -124,24 +132,63 @@ private:
         const TDatagram& first = datagrams.front();
         const auto other =
             std::find_if(datagrams.begin() + 1, datagrams.end(), [&](const TDatagram& datagram) {
-                return isTooSmall(datagram) || datagram.ip != first.ip ||
-                       bytesOf(datagram)[offsetof(THeaderImage, magic)] != KELO_IMAGE_MAGIC ||
+                return !isValid(datagram) || datagram.ip != first.ip ||
                        streamOf(datagram) != streamOf(first);
             });
         return static_cast<size_t>(other - datagrams.begin());
     }
 
-    void receive(std::span<const TDatagram> datagrams) {
+    // Handles the datagrams in their order, as far as one set of locked streams goes. Returns how
+    // many.
+    size_t receive(std::span<const TDatagram> datagrams, TOutlook& outlook) {
+        LockedStreams involved;
+        const size_t handled = involve(datagrams, involved, outlook);
+        datagrams = datagrams.first(handled);
+        involved.Lock();
         while (!datagrams.empty()) {
-            size_t handled = 1;
-            if (isValid(datagrams.front())) {
-                handled = lengthOfRun(datagrams);
-                const TDatagram& first = datagrams.front();
-                const StreamPtr stream = findStream(first.ip, streamOf(first));
-                if (stream) stream->OnRcvBatch(datagrams.first(handled));
+            const TDatagram& first = datagrams.front();
+            size_t run = 1;
+            if (isValid(first)) {
+                run = lengthOfRun(datagrams);
+                StreamReceiver* stream = involved.Find(first.ip, streamOf(first));
+                if (stream != nullptr) stream->OnRcvLocked(datagrams.first(run));
+            } else {
+                logInvalid(first);
             }
-            datagrams = datagrams.subspan(handled);
+            datagrams = datagrams.subspan(run);
         }
+        for (const StreamPtr& stream : involved.Added()) {
+            const TOutlook of_stream = stream->takeOutlook();
+            outlook.until_wanted = std::min(outlook.until_wanted, of_stream.until_wanted);
+            outlook.begins |= of_stream.begins;
+        }
+        return handled;
+    }
+
+    // Finds the streams of the datagrams, and tells for how many datagrams there was room. The
+    // outlook becomes that of all the other streams.
+    size_t involve(std::span<const TDatagram> datagrams, LockedStreams& involved,
+                   TOutlook& outlook) {
+        const std::lock_guard lock(mutex_streams);
+        size_t handled = 0;
+        while (handled < datagrams.size() && !involved.IsFull()) {
+            const TDatagram& first = datagrams[handled];
+            if (!isValid(first)) {
+                ++handled;
+                continue;
+            }
+            if (involved.Find(first.ip, streamOf(first)) == nullptr) {
+                const StreamPtr stream = findLocked(first.ip, streamOf(first));
+                if (stream) involved.Add(stream);
+            }
+            handled += lengthOfRun(datagrams.subspan(handled));
+        }
+        outlook.until_wanted = UINT32_MAX;
+        for (const StreamPtr& stream : streams) {
+            if (involved.Contains(*stream)) continue;
+            outlook.until_wanted = std::min(outlook.until_wanted, stream->packetsToCome());
+        }
+        return handled;
     }
 
     void tick() {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <climits>
 #include <cstring>
+#include <utility>
 
 #include "utils.h"
 
@@ -30,16 +31,28 @@ void StreamReceiver::InitStream(uint8_t stream_format, uint8_t header_format, ui
 
 void StreamReceiver::OnRcv(uint32_t ip, const void* data, int size, uint16_t) {
     const TDatagram datagram{.ip = ip, .data = data, .length = size};
-    OnRcvBatch({&datagram, 1});
+    const std::lock_guard lock(onrcv_mutex);
+    OnRcvLocked({&datagram, 1});
 }
 
-void StreamReceiver::OnRcvBatch(std::span<const TDatagram> datagrams) {
-    const std::lock_guard lock(onrcv_mutex);
+void StreamReceiver::OnRcvLocked(std::span<const TDatagram> datagrams) {
     for (const TDatagram& datagram : datagrams) {
         if (datagram.length <= static_cast<int>(sizeof(THeaderImage))) continue;
         packet_received_flag = true;
         receive(parse(datagram.data, datagram.length));
     }
+}
+
+// With several images under reception a late packet may complete one at any moment.
+TOutlook StreamReceiver::takeOutlook() {
+    TOutlook outlook{.until_wanted = 0, .begins = std::exchange(image_begun, false)};
+    if (receiving_buffers.empty()) return outlook;
+    const uint32_t packets = receiving_buffers.front().first.allPacketsAmount;
+    if (receiving_buffers.size() == 1 && newest_packet_number < packets) {
+        outlook.until_wanted = packets - 1 - newest_packet_number;
+    }
+    packets_to_come = outlook.until_wanted;
+    return outlook;
 }
 
 StreamReceiver::Packet StreamReceiver::parse(const void* data, int size) {
@@ -66,6 +79,7 @@ void StreamReceiver::receive(const Packet& packet) {
         const uint32_t distance =
             place->positions_before - slidingWindowPositionPacketNumber + packet.number;
         if (distance < slidingWindowSize) {
+            newest_packet_number = std::max(newest_packet_number, uint32_t{packet.number});
             placePayload(packet, *place);
             record(distance);
             advance();
@@ -124,6 +138,8 @@ std::optional<StreamReceiver::Place> StreamReceiver::begin(const Packet& packet)
         slidingWindowPositionPacketNumber = 0;
     }
     receiving_buffers.emplace_back(image, metadata);
+    image_begun = true;
+    newest_packet_number = 0;
     return find(packet.image_number);
 }
 
@@ -267,6 +283,7 @@ void StreamReceiver::finishTransfersIfNeeded() {
     if (packet_received_flag.exchange(false)) return;
     const std::lock_guard lock(onrcv_mutex);
     finishTransfers();
+    packets_to_come = kAllPositions;
 }
 
 void StreamReceiver::finishTransfers() {
@@ -321,6 +338,7 @@ void StreamReceiver::completeFront(Completion how) {
         clearImage(image, last * metadata.payloadLength + metadata.lastLength, image.bufferLength);
     }
     finish(image);
+    packets_to_come = image.allPacketsAmount;  // the next image will hardly have fewer
     if (how == Completion::Forced) {
         kelo::Log("Image %d completed (forcefully by timer - no new packets arrived).\n",
                   static_cast<int>(image.imageNumber));

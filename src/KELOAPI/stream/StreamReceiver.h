@@ -43,8 +43,16 @@ public:
     // One datagram that is longer than the image header and begins with its magic number.
     void OnRcv(uint32_t ip, const void* data, int size, uint16_t port);
 
-    // Several of them, with one lock.
-    void OnRcvBatch(std::span<const TDatagram> datagrams);
+    // Several of them. The caller holds onrcv_mutex.
+    void OnRcvLocked(std::span<const TDatagram> datagrams);
+
+    // What is to be expected after what was received since the last call, while an image is under
+    // reception. The caller holds onrcv_mutex.
+    TOutlook takeOutlook();
+
+    // So many packets are still to come before the stream hands an image over, as far as can be
+    // told without a lock; UINT32_MAX while none come at all.
+    uint32_t packetsToCome() const { return packets_to_come; }
 
     // The tick: completes all images under reception if no packet came since the last tick.
     void finishTransfersIfNeeded();
@@ -137,5 +145,9 @@ private:
     std::array<std::optional<uint32_t>, 4> refused_images;
     size_t next_refused = 0;
 
+    uint32_t newest_packet_number = 0;  // of the last image that a packet came for
+    bool image_begun = false;           // since the last takeOutlook
+
     std::atomic<bool> packet_received_flag{false};
+    std::atomic<uint32_t> packets_to_come{kAllPositions};  // set under onrcv_mutex
 };

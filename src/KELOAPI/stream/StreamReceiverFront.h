@@ -101,6 +101,15 @@ protected:
         return findLocked(ip, number);
     }
 
+    // With mutex_streams held.
+    StreamPtr findLocked(uint32_t ip, uint8_t number) const {
+        const auto stream =
+            std::find_if(streams.begin(), streams.end(), [=](const StreamPtr& candidate) {
+                return candidate->ip_address == ip && candidate->stream_number == number;
+            });
+        return stream != streams.end() ? *stream : nullptr;
+    }
+
     // Runs start(stream) without a lock, on the stream of that number or on a new one, which is
     // listed when it has started. Closing also ends the waits of a stream that is starting: that
     // one is not listed, as its camera may already have been forgotten.
@@ -157,15 +166,7 @@ private:
         return nullptr;
     }
 
-    // The rest: with mutex_streams held.
-    StreamPtr findLocked(uint32_t ip, uint8_t number) const {
-        const auto stream =
-            std::find_if(streams.begin(), streams.end(), [=](const StreamPtr& candidate) {
-                return candidate->ip_address == ip && candidate->stream_number == number;
-            });
-        return stream != streams.end() ? *stream : nullptr;
-    }
-
+    // With mutex_streams held, as endWaits.
     bool isClosing(uint32_t ip) const { return closing_all || closing.count(ip) != 0; }
 
     template <typename Predicate>

@@ -61,6 +61,8 @@ TEST_F(DatagramBatchTest, TakesWhatWaitsWithOneCallInOrder) {
     for (const char* text : {"one", "", "three"})
         Send(text);
     ASSERT_EQ(3, batch.Receive(receiver.getNativeHandle()));
+    EXPECT_EQ(8u, batch.Bytes());
+    EXPECT_FALSE(batch.IsFull());
     EXPECT_THAT(Texts(batch), testing::ElementsAre("one", "", "three"));
     EXPECT_EQ(kLoopback, batch.Datagrams().front().ip);
 }
@@ -70,7 +72,9 @@ TEST_F(DatagramBatchTest, LeavesWhatDoesNotFitForTheNextCall) {
     for (const char* text : {"one", "two", "three"})
         Send(text);
     ASSERT_EQ(2, batch.Receive(receiver.getNativeHandle()));
+    EXPECT_TRUE(batch.IsFull());
     ASSERT_EQ(1, batch.Receive(receiver.getNativeHandle()));
+    EXPECT_FALSE(batch.IsFull());
     EXPECT_THAT(Texts(batch), testing::ElementsAre("three"));
 }
 
@@ -80,6 +84,7 @@ TEST_F(DatagramBatchTest, FailsWhenNothingComesInTime) {
     EXPECT_EQ(-1, batch.Receive(receiver.getNativeHandle()));
     EXPECT_EQ(EAGAIN, errno);
     EXPECT_TRUE(batch.Datagrams().empty());
+    EXPECT_EQ(0u, batch.Bytes());
 }
 
 TEST_F(DatagramBatchTest, CutsWhatIsTooLong) {
@@ -106,6 +111,23 @@ TEST_P(MergedDatagrams, AreToldApartAgainWhateverTheKernelMerges) {
     expected.emplace_back("alone");
     Send("alone");
     EXPECT_EQ(expected, ReceiveAll(batch));
+}
+
+// More would leave the cache before they are handled. Then come single ones again, many at once.
+TEST_F(DatagramBatchTest, TakesFewerMessagesWhileEachHoldsMuch) {
+    ASSERT_TRUE(receiver.allowMerging());
+    receiver.requestReceiveBuffer(4 << 20);
+    DatagramBatch batch(32, 16384, true);
+    for (int i = 0; i < 20; ++i)
+        SendSegmented(std::string(60000, 'a'), 1000);
+    for (int i = 0; i < 40; ++i)
+        Send("b");
+    ASSERT_EQ(32, batch.Receive(receiver.getNativeHandle())) << "nothing was known before it";
+    ASSERT_EQ(20u * 60 + 12, batch.Datagrams().size());
+    ASSERT_EQ(13, batch.Receive(receiver.getNativeHandle())) << "of 37 KB each they fit into 512";
+    EXPECT_TRUE(batch.IsFull());
+    ASSERT_EQ(15, batch.Receive(receiver.getNativeHandle()));
+    EXPECT_FALSE(batch.IsFull());
 }
 
 TEST_P(MergedDatagrams, AreCutOneByOne) {

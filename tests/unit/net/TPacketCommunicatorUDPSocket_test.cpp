@@ -10,6 +10,7 @@
 
 #include "log_capture.h"
 #include "network_namespace.h"
+#include "socket_options.h"
 #include "wait_for.h"
 #include "wait_readable.h"
 
@@ -469,6 +470,46 @@ TEST_F(CommunicatorTest, AFailedReceiveIsLoggedAndReceptionGoesOn) {
     communicator->StopRxThread();
     EXPECT_THAT(receiver.Texts(), ElementsAre("later"));
     EXPECT_THAT(log.Lines(), ElementsAre(failed));
+}
+
+// Where the system grants less than was asked for, images are lost that a limit would have saved.
+TEST_F(CommunicatorTest, ASmallReceiveBufferForImagesIsLoggedWithItsCure) {
+    constexpr int kWantedBytes = 32 << 20;
+    const LogCapture log;
+    kelo::test::reported_receive_buffer = 425984;
+    { TPacketCommunicatorUDPSocket limited(&receiver, 0, 16384, kLoopback, kWantedBytes); }
+    EXPECT_THAT(log.Lines(),
+                ElementsAre("The system limits the receive buffer for images to 208 KiB, below the "
+                            "4096 KiB that bridge a stalled reception: images may be lost. Cure: "
+                            "sysctl -w net.core.rmem_max=33554432"));
+    { TPacketCommunicatorUDPSocket control(&receiver, 0, kControlSize, kLoopback); }
+    kelo::test::reported_receive_buffer = 8 << 20;
+    { TPacketCommunicatorUDPSocket enough(&receiver, 0, 16384, kLoopback, kWantedBytes); }
+    kelo::test::reported_receive_buffer = std::nullopt;
+    EXPECT_EQ(1u, log.Lines().size());
+}
+
+// The receiver allows pauses all the time; what came before the stop must still be delivered.
+TEST_F(CommunicatorTest, DatagramsThatGatherInAPauseAreDelivered) {
+    class Patient : public Recorder {
+    public:
+        TOutlook OnRcvBatch(TPacketCommunicator* from, std::span<const TDatagram> datagrams,
+                            unsigned short port) override {
+            IPacketReceiver::OnRcvBatch(from, datagrams, port);
+            return {.until_wanted = UINT32_MAX};
+        }
+    } patient;
+    TPacketCommunicatorUDPSocket bulk(&patient, 0, 16384, kLoopback, 4 << 20);
+    bulk.StartRxThread();
+    std::vector<std::string> sent;
+    for (int i = 0; i < 1000; ++i) {
+        sent.push_back(std::to_string(i));
+        bulk.Send(kLoopback, bulk.GetSocketPort(), sent.back().data(),
+                  static_cast<int>(sent.back().size()));
+        std::this_thread::sleep_for(5us);
+    }
+    EXPECT_TRUE(WaitFor([&] { return patient.Count() == sent.size(); }));
+    EXPECT_EQ(sent, patient.Texts());
 }
 
 TEST_F(CommunicatorTest, DescriptionShowsTheAddressAndThePortThatTheSystemChose) {

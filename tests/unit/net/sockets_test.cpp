@@ -20,6 +20,7 @@
 #include "UDPSocket.h"
 #include "log_capture.h"
 #include "network_namespace.h"
+#include "socket_options.h"
 #include "wait_for.h"
 #include "wait_readable.h"
 
@@ -29,16 +30,17 @@ using kelo::test::StreamCapture;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-namespace {
+using kelo::test::reported_receive_buffer;
+using kelo::test::shorten_socket_options;
 
-bool shorten_socket_options = false;
-
-}  // namespace
-
-// Stands in front of the C library's function: a system whose options have an odd length.
+// Stands in front of the C library's function: a system whose options have an odd length, or that
+// grants little.
 extern "C" int getsockopt(int fd, int level, int name, void* value, socklen_t* length) noexcept {
     const auto result = static_cast<int>(syscall(SYS_getsockopt, fd, level, name, value, length));
     if (shorten_socket_options) *length = 2;
+    if (name == SO_RCVBUF && reported_receive_buffer.has_value()) {
+        std::memcpy(value, &*reported_receive_buffer, sizeof(int));
+    }
     return result;
 }
 
@@ -358,7 +360,7 @@ TEST_F(UDPSocketTest, BufferSizeIsThatOfTheSendBuffer) {
 TEST_F(UDPSocketTest, TheReceiveBufferIsAskedForSeparately) {
     const int send_buffer = Option(receiver, SO_SNDBUF);
     const StreamCapture errors(STDERR_FILENO);
-    receiver.requestReceiveBuffer(30000);
+    EXPECT_EQ(60000, receiver.requestReceiveBuffer(30000));
     EXPECT_EQ(60000, Option(receiver, SO_RCVBUF));
     EXPECT_EQ(send_buffer, Option(receiver, SO_SNDBUF));
     receiver.requestReceiveBuffer(1 << 30);
@@ -393,7 +395,7 @@ TEST(UDPSocketWithoutDescriptorTest, EveryOperationFailsWithoutHarm) {
     socket.setNonBlocking(true);
     socket.setReusePort();
     socket.setBroadcast();
-    socket.requestReceiveBuffer(1000);
+    EXPECT_EQ(0, socket.requestReceiveBuffer(1000));
 }
 
 TEST(UDPSocketWithoutDescriptorTest, BufferSizeFailuresArePrinted) {

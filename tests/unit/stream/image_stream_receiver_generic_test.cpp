@@ -1,3 +1,6 @@
+#include <algorithm>
+#include <chrono>
+#include <initializer_list>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -9,6 +12,7 @@
 #include "TPacketCommunicatorUDPSocket.h"
 #include "log_capture.h"
 #include "stream_wire.h"
+#include "wait_for.h"
 #include "waiting_call.h"
 
 namespace kelo::test {
@@ -135,6 +139,75 @@ TEST_F(UdpFrontTest, ABatchIsHandledAsItsDatagramsInTheirOrder) {
                 ElementsAre("Stream packet too small (less than header size) = 5 bytes.",
                             "Wrong stream packet magic number."));
     front_->OnRcvBatch(nullptr, {}, 0);
+}
+
+// One batch of more streams than are locked at a time.
+TEST_F(UdpFrontTest, ABatchMayHoldManyStreams) {
+    std::vector<std::string> packets;
+    for (uint8_t stream = 0; stream < 40; ++stream) {
+        InitStream(kCamera, stream);
+        for (uint32_t image = 1; image <= 2; ++image)
+            packets.push_back(ImagePacket{.image = image, .stream = stream}.Bytes());
+    }
+    std::rotate(packets.begin(), packets.begin() + 27, packets.end());
+    std::vector<TDatagram> batch;
+    for (const std::string& packet : packets)
+        batch.push_back({kCamera, packet.data(), static_cast<int>(packet.size())});
+    front_->OnRcvBatch(nullptr, batch, 0);
+    for (uint8_t stream = 0; stream < 40; ++stream)
+        EXPECT_EQ(front_->GetPendingCount(kCamera, stream), 2u) << int{stream};
+}
+
+// What the front expects after a batch, of a camera's only stream, in an image of ten packets.
+class FrontOutlookTest : public UdpFrontTest {
+protected:
+    uint32_t After(uint32_t ip, std::initializer_list<uint16_t> numbers, uint16_t count = 10) {
+        std::vector<std::string> packets;
+        for (const uint16_t number : numbers)
+            packets.push_back(ImagePacket{.number = number, .count = count, .stream = 0}.Bytes());
+        std::vector<TDatagram> batch;
+        for (const std::string& packet : packets)
+            batch.push_back({ip, packet.data(), static_cast<int>(packet.size())});
+        return front_->OnRcvBatch(nullptr, batch, 0).until_wanted;
+    }
+
+    // What steps() gives before the timer may have completed any of its images: on a machine that
+    // stands still in between it is begun anew.
+    template <typename Steps>
+    std::vector<uint32_t> BetweenTwoTicks(const Steps& steps) {
+        while (true) {
+            InitStream(kCamera, 0);
+            InitStream(kOtherCamera, 0);
+            const auto begin = std::chrono::steady_clock::now();
+            const std::vector<uint32_t> outlooks = steps();
+            if (std::chrono::steady_clock::now() - begin < std::chrono::milliseconds(90)) {
+                return outlooks;
+            }
+        }
+    }
+};
+
+TEST_F(FrontOutlookTest, IsThatOfTheStreamWhichIsNextToItsEnd) {
+    EXPECT_THAT(BetweenTwoTicks([&] {
+                    return std::vector{After(kOtherCamera, {0, 1, 2}), After(kCamera, {0}),
+                                       After(kCamera, {1, 2, 3, 4}),
+                                       After(kOtherCamera, {3, 4, 5, 6, 7}), After(kCamera, {5})};
+                }),
+                ElementsAre(7, 7, 5, 2, 2));
+}
+
+TEST_F(FrontOutlookTest, IsNoneWithoutDatagrams) {
+    EXPECT_EQ(front_->OnRcvBatch(nullptr, {}, 0).until_wanted, 0u);
+}
+
+// Between its images a stream counts as one whose next image has as many packets as the last; one
+// that sends nothing for a while does not count.
+TEST_F(FrontOutlookTest, ThinksOfStreamsThatAreBetweenTheirImages) {
+    EXPECT_THAT(BetweenTwoTicks([&] {
+                    return std::vector{After(kOtherCamera, {0, 1}, 2), After(kCamera, {0})};
+                }),
+                ElementsAre(0, 2));
+    EXPECT_TRUE(WaitFor([&] { return After(kCamera, {0}) == 9u; }));
 }
 
 TEST_F(UdpFrontTest, DatagramsOfUnknownStreamsAreDroppedSilently) {

@@ -38,6 +38,10 @@ protected:
                   .payload = "x"});
         }
     }
+    TOutlook Outlook() {
+        const std::lock_guard lock(stream_.onrcv_mutex);
+        return stream_.takeOutlook();
+    }
     void Tick() { stream_.finishTransfersIfNeeded(); }
     // The stream finds no packet since the last tick.
     void LetTimePass() {
@@ -585,6 +589,68 @@ TEST(StreamReceiverLifeTest, DestructionGivesQueuedImagesBack) {
         stream.OnRcv(kCamera, bytes.data(), static_cast<int>(bytes.size()), 0);
     }
     EXPECT_THAT(log.Lines(), IsEmpty());
+}
+
+// ---- The outlook
+
+TEST_F(StreamReceiverTest, OutlookCountsThePacketsUpToTheImagesEnd) {
+    const auto after = [&](uint32_t number) {
+        SendRange(1, number, number, 10);
+        return Outlook().until_wanted;
+    };
+    EXPECT_EQ(after(0), 9u);
+    EXPECT_EQ(after(3), 6u) << "those before it may be lost";
+    EXPECT_EQ(after(1), 6u);
+    EXPECT_EQ(after(8), 1u);
+    for (const uint32_t number : {2u, 4u, 5u, 6u, 7u})
+        EXPECT_EQ(after(number), 1u);
+    EXPECT_EQ(after(9), 0u);
+}
+
+TEST_F(StreamReceiverTest, OutlookIsNoneWithoutAnImageUnderReception) {
+    EXPECT_EQ(Outlook().until_wanted, 0u);
+    SendRange(1, 0, 9, 10);
+    EXPECT_EQ(Outlook().until_wanted, 0u);
+}
+
+// Any packet may close the gap and complete the older one.
+TEST_F(StreamReceiverTest, OutlookIsNoneWhileSeveralImagesAreUnderReception) {
+    SendRange(1, 1, 9, 10);
+    SendRange(2, 0, 1, 5);
+    EXPECT_EQ(Outlook().until_wanted, 0u);
+    SendRange(1, 0, 0, 10);
+    EXPECT_EQ(Outlook().until_wanted, 3u);
+}
+
+// A late packet of a longer image says nothing of a shorter one's end.
+TEST_F(StreamReceiverTest, OutlookIsNoneWhenItIsNotKnownHowFarTheImageIs) {
+    SendRange(1, 0, 7, 10);
+    SendRange(2, 0, 1, 5);
+    SendRange(1, 8, 9, 10);
+    EXPECT_EQ(Outlook().until_wanted, 0u);
+}
+
+TEST_F(StreamReceiverTest, OutlookTellsOnceThatAnImageHasBegun) {
+    SendRange(1, 0, 1, 10);
+    EXPECT_TRUE(Outlook().begins);
+    EXPECT_FALSE(Outlook().begins);
+    SendRange(1, 2, 3, 10);
+    EXPECT_FALSE(Outlook().begins);
+    SendRange(1, 4, 9, 10);
+    SendRange(2, 0, 0, 10);
+    EXPECT_TRUE(Outlook().begins);
+}
+
+TEST_F(StreamReceiverTest, PacketsToComeAreKnownWithoutALock) {
+    EXPECT_EQ(stream_.packetsToCome(), UINT32_MAX) << "it has never sent anything";
+    SendRange(1, 0, 1, 10);
+    Outlook();
+    EXPECT_EQ(stream_.packetsToCome(), 8u);
+    SendRange(1, 2, 9, 10);
+    Outlook();
+    EXPECT_EQ(stream_.packetsToCome(), 10u) << "those of the next image";
+    LetTimePass();
+    EXPECT_EQ(stream_.packetsToCome(), UINT32_MAX) << "it has stopped";
 }
 
 }  // namespace

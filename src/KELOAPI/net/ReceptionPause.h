@@ -1,0 +1,40 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+
+#include "TPacketCommunicator.h"
+
+// Decides how long a receive thread that has taken all there was lets the next datagrams gather.
+//
+// When datagrams come one by one, waking up for each of them costs more than taking it. A short
+// pause takes many with one wake-up, but it must never keep anybody waiting, nor fill the socket's
+// buffer. So there is one only while the receiver is certain not to hand anything over before it
+// ends, and only when several datagrams are due in it. How many are due tells their rate, which is
+// counted here.
+//
+// No clock and no thread of its own: the receive thread gives the time and does the sleeping.
+class ReceptionPause {
+public:
+    using Clock = std::chrono::steady_clock;
+
+    // buffer_bytes is what the kernel may keep for the socket, its own bookkeeping included.
+    explicit ReceptionPause(size_t buffer_bytes) : buffer_bytes_(buffer_bytes) {}
+
+    // To be told of every batch. outlook is what the receiver said of it, drained whether there was
+    // nothing left to take. Zero: do not pause.
+    std::chrono::nanoseconds After(Clock::time_point now, size_t datagrams, size_t bytes,
+                                   const TOutlook& outlook, bool drained);
+
+private:
+    void Count(Clock::time_point now, size_t datagrams, size_t bytes, const TOutlook& outlook);
+    bool IsWorthwhile(std::chrono::nanoseconds pause, uint32_t until_wanted) const;
+
+    size_t buffer_bytes_;
+    Clock::time_point last_{};
+    // What came recently, and in what time.
+    double datagrams_ = 0;
+    double bytes_ = 0;
+    double nanoseconds_ = 0;
+};

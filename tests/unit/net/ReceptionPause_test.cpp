@@ -1,0 +1,103 @@
+#include "ReceptionPause.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace std::chrono_literals;
+using std::chrono::nanoseconds;
+
+constexpr size_t kLargeBuffer = 64 << 20;
+constexpr uint32_t kFarAway = UINT32_MAX;
+
+class ReceptionPauseTest : public testing::Test {
+protected:
+    // count datagrams one by one, interval after each other; what comes of the last one.
+    nanoseconds Receive(int count, nanoseconds interval, size_t bytes = 1472,
+                        TOutlook outlook = {.until_wanted = kFarAway}, bool drained = true) {
+        nanoseconds length{};
+        for (int i = 0; i < count; ++i) {
+            now += interval;
+            length = pause.After(now, 1, bytes, outlook, drained);
+        }
+        return length;
+    }
+
+    ReceptionPause pause{kLargeBuffer};
+    ReceptionPause::Clock::time_point now{1h};
+};
+
+TEST_F(ReceptionPauseTest, ComesWhenSeveralDatagramsAreDueInIt) {
+    EXPECT_EQ(200us, Receive(100, 12us));
+}
+
+TEST_F(ReceptionPauseTest, NeedsARateFirst) {
+    EXPECT_EQ(0ns, Receive(16, 12us)) << "the time before the first one is not known";
+    EXPECT_EQ(200us, Receive(1, 12us));
+}
+
+TEST_F(ReceptionPauseTest, IsNotMadeForFewDatagrams) {
+    EXPECT_EQ(200us, Receive(100, 50us));
+    EXPECT_EQ(0ns, Receive(1000, 51us));
+}
+
+TEST_F(ReceptionPauseTest, EndsWellBeforeSomebodyWantsTheResult) {
+    Receive(1000, 10us);
+    EXPECT_EQ(200us, Receive(1, 10us, 1472, {.until_wanted = 30}));
+    EXPECT_EQ(100us, Receive(1, 10us, 1472, {.until_wanted = 29}));
+    EXPECT_EQ(100us, Receive(1, 10us, 1472, {.until_wanted = 15}));
+    EXPECT_EQ(0ns, Receive(1, 10us, 1472, {.until_wanted = 14}));
+    EXPECT_EQ(0ns, Receive(1, 10us, 1472, {.until_wanted = 0}));
+}
+
+TEST_F(ReceptionPauseTest, IsNotMadeWhileThereIsMoreToTake) {
+    Receive(100, 12us);
+    EXPECT_EQ(0ns, Receive(1, 12us, 1472, {.until_wanted = kFarAway}, false));
+}
+
+TEST_F(ReceptionPauseTest, LetsNoMoreGatherThanTheCacheHolds) {
+    EXPECT_EQ(200us, Receive(2000, 5us, 9000));
+    EXPECT_EQ(100us, Receive(2000, 3us, 9000));
+    EXPECT_EQ(0ns, Receive(2000, 2us, 9000));
+}
+
+TEST_F(ReceptionPauseTest, LetsNoMoreGatherThanASmallBufferHolds) {
+    // What a system grants that was never told otherwise.
+    pause = ReceptionPause(425984);
+    EXPECT_EQ(200us, Receive(1000, 12us, 1472)) << "some 60 KB";
+    EXPECT_EQ(100us, Receive(1000, 20us, 9000)) << "some 100 KB";
+    EXPECT_EQ(0ns, Receive(1000, 10us, 9000)) << "some 200 KB";
+}
+
+TEST_F(ReceptionPauseTest, IsNotMisledByTheTimeBetweenImages) {
+    Receive(2000, 12us);
+    for (int image = 0; image < 20; ++image) {
+        now += 1500us;
+        pause.After(now, 1, 1472, {.until_wanted = 100, .begins = true}, true);
+        EXPECT_EQ(200us, Receive(50, 12us));
+    }
+    now += 3ms;  // longer than any distance of packets, within an image or not
+    EXPECT_EQ(200us, pause.After(now, 1, 1472, {.until_wanted = kFarAway}, true));
+}
+
+TEST_F(ReceptionPauseTest, FollowsTheRateWithinAnImageOrTwo) {
+    Receive(10000, 12us);
+    EXPECT_EQ(0ns, Receive(4000, 100us));
+    EXPECT_EQ(200us, Receive(4000, 12us));
+}
+
+TEST_F(ReceptionPauseTest, CountsManyDatagramsOfABatch) {
+    nanoseconds length{};
+    for (int i = 0; i < 10; ++i) {
+        now += 80us;
+        length = pause.After(now, 8, 8 * 1472, {.until_wanted = 1000}, true);
+    }
+    EXPECT_EQ(200us, length);
+}
+
+// Two batches at the same moment of a coarse clock.
+TEST_F(ReceptionPauseTest, StandsATimeThatDoesNotPass) {
+    EXPECT_EQ(0ns, Receive(100, 0ns));
+}
+
+}  // namespace

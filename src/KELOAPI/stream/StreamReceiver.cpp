@@ -31,14 +31,19 @@ void StreamReceiver::InitStream(uint8_t stream_format, uint8_t header_format, ui
 
 void StreamReceiver::OnRcv(uint32_t ip, const void* data, int size, uint16_t) {
     const TDatagram datagram{.ip = ip, .data = data, .length = size};
+    OnRcvBatch({&datagram, 1});
+}
+
+void StreamReceiver::OnRcvBatch(std::span<const TDatagram> datagrams) {
     const std::lock_guard lock(onrcv_mutex);
-    OnRcvLocked({&datagram, 1});
+    OnRcvLocked(datagrams);
 }
 
 void StreamReceiver::OnRcvLocked(std::span<const TDatagram> datagrams) {
+    bool received = false;
     for (const TDatagram& datagram : datagrams) {
         if (datagram.length <= static_cast<int>(sizeof(THeaderImage))) continue;
-        packet_received_flag = true;
+        if (!std::exchange(received, true)) packet_received_flag = true;
         receive(parse(datagram.data, datagram.length));
     }
 }
@@ -69,6 +74,10 @@ StreamReceiver::Packet StreamReceiver::parse(const void* data, int size) {
 }
 
 void StreamReceiver::receive(const Packet& packet) {
+    if (isNext(packet)) {
+        takeNext(packet);
+        return;
+    }
     while (true) {
         std::optional<Place> place = find(packet.image_number);
         if (!place) place = begin(packet);
@@ -87,6 +96,24 @@ void StreamReceiver::receive(const Packet& packet) {
         }
         // A recovery brings the packet to the window position; it is then placed in a second round.
         if (!recover(distance)) return;
+    }
+}
+
+// Whether it is the packet that an empty window waits for, as nearly all are. Then there is nothing
+// to look up, and nothing to be recorded that would not be consumed at once.
+bool StreamReceiver::isNext(const Packet& packet) const {
+    return !receiving_buffers.empty() && positions_set == 0 &&
+           packet.number == slidingWindowPositionPacketNumber &&
+           packet.image_number == slidingWindowPositionImageNumber && !tooManyWait();
+}
+
+void StreamReceiver::takeNext(const Packet& packet) {
+    newest_packet_number = std::max(newest_packet_number, uint32_t{packet.number});
+    placePayload(packet, {.index = 0, .positions_before = 0});
+    tooNewPackets = 0;
+    ++slidingWindowPositionPacketNumber;
+    if (slidingWindowPositionPacketNumber >= receiving_buffers.front().first.allPacketsAmount) {
+        completeFront(Completion::ByPackets);
     }
 }
 

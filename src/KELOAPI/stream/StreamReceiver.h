@@ -43,7 +43,9 @@ public:
     // One datagram that is longer than the image header and begins with its magic number.
     void OnRcv(uint32_t ip, const void* data, int size, uint16_t port);
 
-    // Several of them. The caller holds onrcv_mutex.
+    // Several of them, with one lock.
+    void OnRcvBatch(std::span<const TDatagram> datagrams);
+    // The same for a caller that holds onrcv_mutex.
     void OnRcvLocked(std::span<const TDatagram> datagrams);
 
     // What is to be expected after what was received since the last call, while an image is under
@@ -104,6 +106,8 @@ private:
     static Packet parse(const void* data, int size);
 
     void receive(const Packet& packet);
+    bool isNext(const Packet& packet) const;
+    void takeNext(const Packet& packet);
     std::optional<Place> find(uint32_t image_number) const;
     std::optional<Place> begin(const Packet& packet);
     void initializeBufferInfo(BufferInfo& image, const Packet& packet) const;

@@ -19,7 +19,7 @@ namespace {
 constexpr int kConnectAttempts = 20;
 constexpr int kConnectLimitMs = 1000;
 // Only a fallback: a reader that has to leave is woken by the shutdown of its socket.
-constexpr int kReadWaitMs = 100;
+constexpr int kReceiveTimeoutMs = 100;
 // A connection is given up when that many receives fail one after the other: after a first error
 // the system usually reports the end of the connection.
 constexpr int kReceiveFailuresMax = 2;
@@ -112,6 +112,7 @@ TcpConnection StreamReceiverTcp::tcp_connect(uint32_t ip, uint16_t port) {
         return {};
     }
     kelo::Log("tcp_connect: connected\n");
+    makeTcpSocketWait(socket, kReceiveTimeoutMs);
     return TcpConnection(std::move(socket));
 }
 
@@ -272,7 +273,7 @@ StreamReceiverTcp::Received StreamReceiverTcp::tcpReceiveAll(void* buffer, size_
     received = 0;
     while (received < length) {
         const ssize_t count =
-            recv(tcp_socket.Get(), bytes + received, length - received, MSG_DONTWAIT);
+            recv(tcp_socket.Get(), bytes + received, length - received, MSG_WAITALL);
         const int error = errno;
         if (streamReaderThreadQuit) return Received::Ended;
         if (count > 0) {
@@ -281,9 +282,7 @@ StreamReceiverTcp::Received StreamReceiverTcp::tcpReceiveAll(void* buffer, size_
         } else if (count == 0) {
             kelo::Log("TCP: stream %d: Connection closed.\n", stream_number);
             return Received::Ended;
-        } else if (error == EAGAIN || error == EWOULDBLOCK) {
-            if (!waitReadable()) return Received::Ended;
-        } else if (error != EINTR) {
+        } else if (error != EAGAIN && error != EWOULDBLOCK && error != EINTR) {
             kelo::Log("TCP: stream %d: error recv %d (%s)\n", stream_number,
                       static_cast<int>(count), systemErrorText(error).c_str());
             ++receive_failures;
@@ -296,10 +295,4 @@ StreamReceiverTcp::Received StreamReceiverTcp::tcpReceiveAll(void* buffer, size_
 StreamReceiverTcp::Received StreamReceiverTcp::tcpReceiveAll(void* buffer, size_t length) {
     size_t received = 0;
     return tcpReceiveAll(buffer, length, received);
-}
-
-// False when the wait failed.
-bool StreamReceiverTcp::waitReadable() {
-    pollfd waited{tcp_socket.Get(), POLLIN, 0};
-    return poll(&waited, 1, kReadWaitMs) >= 0 || errno == EINTR;
 }

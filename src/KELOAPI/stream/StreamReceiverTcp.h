@@ -69,7 +69,6 @@ private:
     Received tcpReceiveAll(void* buffer, size_t length);
     // received is the number of bytes that came, also when not all did.
     Received tcpReceiveAll(void* buffer, size_t length, size_t& received);
-    bool waitReadable();
 
     // Guarded by onrcv_mutex.
     uint8_t streamFormat = 0;

@@ -8,9 +8,11 @@
 #include <cstring>
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 
 namespace {
 
@@ -82,6 +84,13 @@ bool connectTcpSocket(const FileDescriptor& socket, uint32_t ip, uint16_t port, 
         if (ready < 0 && errno != EINTR) return false;
     }
     return false;
+}
+
+void makeTcpSocketWait(const FileDescriptor& socket, int timeout_ms) {
+    const int flags = fcntl(socket.Get(), F_GETFL, 0);
+    if (flags >= 0) fcntl(socket.Get(), F_SETFL, flags & ~O_NONBLOCK);
+    const timeval timeout{.tv_sec = timeout_ms / 1000, .tv_usec = timeout_ms % 1000 * 1000};
+    setsockopt(socket.Get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
 }
 
 std::string systemErrorText(int error) {

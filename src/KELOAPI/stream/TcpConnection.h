@@ -17,6 +17,10 @@ void gracefullyCloseTcpSocket(int socket);
 bool connectTcpSocket(const FileDescriptor& socket, uint32_t ip, uint16_t port, int limit_ms,
                       const std::function<bool()>& is_wanted);
 
+// Receiving waits for data from here on, for timeout_ms at most: waiting in the call itself saves a
+// second one for each piece of data.
+void makeTcpSocketWait(const FileDescriptor& socket, int timeout_ms);
+
 // The system's text for an error number; any thread.
 std::string systemErrorText(int error);
 

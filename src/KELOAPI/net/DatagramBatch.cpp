@@ -38,6 +38,7 @@ DatagramBatch::DatagramBatch(size_t messages, size_t datagram_bytes_max, bool me
       memory_(std::make_unique_for_overwrite<std::byte[]>(messages * (message_bytes_ + kStagger))),
       messages_(messages),
       headers_(messages),
+      recent_message_bytes_(message_bytes_),
       wanted_(messages),
       used_(messages) {
     datagrams_.reserve(messages);
@@ -49,8 +50,8 @@ DatagramBatch::DatagramBatch(size_t messages, size_t datagram_bytes_max, bool me
 
 // Fewer messages while the kernel merges much into each.
 size_t DatagramBatch::Wanted() const {
-    if (bytes_ == 0) return headers_.size();
-    return std::clamp(kBatchBytes * used_ / bytes_, size_t{1}, headers_.size());
+    const size_t fitting = kBatchBytes / std::max(recent_message_bytes_, size_t{1});
+    return std::clamp(fitting, size_t{1}, headers_.size());
 }
 
 void DatagramBatch::Prepare(size_t count) {
@@ -80,6 +81,7 @@ int DatagramBatch::Receive(int socket) {
     for (size_t i = 0; i < static_cast<size_t>(std::max(count, 0)); ++i) {
         Unpack(messages_[i], headers_[i]);
     }
+    if (count > 0) recent_message_bytes_ = bytes_ / used_;
     return count;
 }
 

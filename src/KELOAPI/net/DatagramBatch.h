@@ -54,6 +54,7 @@ private:
     std::vector<mmsghdr> headers_;
     std::vector<TDatagram> datagrams_;
     size_t bytes_ = 0;
-    size_t wanted_;  // messages that the last call could take
-    size_t used_;    // headers that it may have changed
+    size_t recent_message_bytes_;  // how long the last ones were; at first the longest possible
+    size_t wanted_;                // messages that the last call could take
+    size_t used_;                  // headers that it may have changed
 };

@@ -1,5 +1,6 @@
 #include "TPacketCommunicatorUDPSocket.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -55,7 +56,10 @@ void TPacketCommunicatorUDPSocket::OpenSocket() {
 void TPacketCommunicatorUDPSocket::TakeBulkBuffer() {
     granted_buffer_bytes = Socket->requestReceiveBuffer(bulk_buffer_bytes);
     merging = Socket->allowMerging();
-    if (granted_buffer_bytes == 0 || granted_buffer_bytes / 2 >= kBufferBytesWanted) return;
+    if (granted_buffer_bytes == 0 ||
+        granted_buffer_bytes / 2 >= std::min(kBufferBytesWanted, bulk_buffer_bytes)) {
+        return;
+    }
     kelo::Log(
         "The system limits the receive buffer for images to %d KiB, below the %d KiB that bridge a "
         "stalled reception: images may be lost. Cure: sysctl -w net.core.rmem_max=%d\n",

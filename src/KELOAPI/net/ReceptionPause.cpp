@@ -14,8 +14,9 @@ constexpr double kDatagramsDueMin = 4;
 constexpr double kDistanceMin = 1.5;
 // What gathers should still be in the processor's cache when it is taken.
 constexpr double kGatheredBytesMax = 384 << 10;
-// The part of the socket's buffer that a pause may fill; the rest is for a thread that is late.
-constexpr double kBufferPart = 0.25;
+// The part of the socket's buffer that a pause may fill: the buffer is there for a thread that is
+// late, and a small one has no room for pauses.
+constexpr double kBufferPart = 1.0 / 32;
 // The kernel keeps a datagram in a block of up to twice its size, beside a header of its own.
 constexpr double kBlockPerByte = 2;
 constexpr double kBlockHeader = 512;

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "in_time.h"
 #include "kelo_registers.h"
 #include "network_namespace.h"
 #include "wait_for.h"
@@ -11,7 +12,10 @@
 namespace kelosim::test {
 namespace {
 
+using kelo::test::RepeatUntilInTime;
+using kelo::test::Stopwatch;
 using kelo::test::WaitFor;
+using std::chrono::milliseconds;
 using testing::ElementsAreArray;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -320,14 +324,29 @@ TEST_F(ControlTest, WatchdogFreesTheCameraOfASilentClient) {
 }
 
 TEST_F(ControlTest, WatchdogIsFedByRequests) {
-    client.Set(kFirst, REG_HEARTBEAT_TIMEOUT, 700);
-    client.Set(kFirst, REG_CAMERA_USED, 1);
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(1000);
-    while (std::chrono::steady_clock::now() < end) {
-        client.Get(kFirst, REG_WIDTH);
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    EXPECT_TRUE(camera().used());
+    constexpr milliseconds kTimeout(700);
+    client.Set(kFirst, REG_HEARTBEAT_TIMEOUT, kTimeout.count());
+    RepeatUntilInTime([&] {
+        const uint64_t expired = camera().counters().watchdog_expired;
+        const Stopwatch all;
+        Stopwatch last;
+        client.Set(kFirst, REG_CAMERA_USED, 1);
+        bool fed = true;
+        // The camera has heard no two requests further apart than from the sending of one to the
+        // answer of the next.
+        std::chrono::steady_clock::duration longest_gap{};
+        while (fed && all.Elapsed() < kTimeout * 3 / 2) {
+            const Stopwatch sent;
+            client.Get(kFirst, REG_WIDTH);
+            fed = camera().used() && camera().counters().watchdog_expired == expired;
+            longest_gap = std::max(longest_gap, last.Elapsed());
+            last = sent;
+            std::this_thread::sleep_for(milliseconds(10));
+        }
+        if (longest_gap >= kTimeout) return false;
+        EXPECT_TRUE(fed);
+        return true;
+    });
 }
 
 TEST_F(ControlTest, ZeroHeartbeatTimeoutMeansNoWatchdog) {
@@ -482,16 +501,27 @@ TEST_F(ControlTest, DropsRepliesByRateTheSameWayForTheSameSeed) {
 }
 
 TEST_F(ControlTest, DelaysReplies) {
-    camera().UpdateFaults([](Faults& faults) {
-        faults.reply_delay_ms = 200;
-        faults.delayed_replies = 1;
+    constexpr milliseconds kDelay(200);
+    uint32_t number = 0;
+    RepeatUntilInTime([&] {
+        camera().UpdateFaults([&](Faults& faults) {
+            faults.reply_delay_ms = kDelay.count();
+            faults.delayed_replies = 1;
+        });
+        const uint32_t delayed = ++number;
+        const uint32_t prompt = ++number;
+        const Stopwatch time;
+        client.Send(ReadRegister(delayed, REG_WIDTH), kFirst);
+        client.Send(ReadRegister(prompt, REG_WIDTH), kFirst);
+        const Bytes first = client.Receive();
+        const bool in_time = time.Elapsed() < kDelay;
+        const Bytes second = client.Receive();
+        if (!in_time) return false;
+        EXPECT_EQ(Be32At(first, 6), prompt);
+        EXPECT_EQ(Be32At(second, 6), delayed);
+        EXPECT_GE(time.Elapsed(), kDelay);
+        return true;
     });
-    const auto begin = std::chrono::steady_clock::now();
-    client.Send(ReadRegister(1, REG_WIDTH), kFirst);
-    client.Send(ReadRegister(2, REG_WIDTH), kFirst);
-    EXPECT_EQ(Be32At(client.Receive(), 6), 2u);
-    EXPECT_EQ(Be32At(client.Receive(), 6), 1u);
-    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(200));
 }
 
 struct LieCase {

@@ -21,8 +21,9 @@ Bytes operator+(Bytes left, const Bytes& right);
 uint32_t Be32At(const Bytes& bytes, size_t offset);
 uint32_t Be16At(const Bytes& bytes, size_t offset);
 
-// Blocking reads end after this long, so that a test fails instead of hanging.
-inline constexpr int kReadTimeoutMs = 5000;
+// Blocking reads end after this long, so that a test fails instead of hanging. Far longer than any
+// machine stands still.
+inline constexpr int kReadTimeoutMs = 20000;
 
 // Requests of the control channel.
 Bytes ControlHeader(uint32_t command, uint32_t number, uint32_t status = 1);
@@ -70,7 +71,8 @@ struct Assembled {
 };
 
 // Receives until count images are complete; what arrived when nothing more does otherwise.
-std::map<uint32_t, Assembled> ReceiveImages(UdpClient& client, size_t count, int timeout_ms = 2000);
+std::map<uint32_t, Assembled> ReceiveImages(UdpClient& client, size_t count,
+                                            int timeout_ms = kReadTimeoutMs);
 
 struct TcpMessage {
     Bytes header;

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "fake_camera.h"
+#include "in_time.h"
 #include "kelo_registers.h"
 #include "log_capture.h"
 #include "stream_mask.h"
@@ -21,7 +22,9 @@ KELO_API_STATUS OnClosed(CAM_HANDLE) {
 class Session : public testing::Test {
 protected:
     Session() {
-        fake.registers[REG_HEARTBEAT_TIMEOUT] = 3000;
+        // Where a test is not about it, the supervision must not come into it, however long the
+        // machine stands still.
+        fake.registers[REG_HEARTBEAT_TIMEOUT] = 100000;
         fake.registers[REG_MTU] = 1234;
     }
 
@@ -121,18 +124,64 @@ TEST_F(Session, CloseOfAClosedSessionOnlyLogs) {
 }
 
 TEST_F(Session, KeepsTheCameraAliveWhenNothingElseIsAsked) {
-    fake.registers[REG_HEARTBEAT_TIMEOUT] = 600;
-    camera.Open(nullptr, false);
-    fake.Forget();
-    const auto begin = std::chrono::steady_clock::now();
-    ASSERT_TRUE(WaitFor([&] { return fake.Requests().size() >= 3; }));
-    // Every 200 ms of silence, looked at every 100 ms.
-    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(550));
-    for (const auto& request : fake.Requests()) {
-        EXPECT_EQ(request.command, 4u);
-        EXPECT_EQ(request.reg, uint32_t{REG_WIDTH});
-    }
-    EXPECT_TRUE(camera.IsOpened());
+    using std::chrono::milliseconds;
+    constexpr milliseconds kTimeout(600);
+    fake.registers[REG_HEARTBEAT_TIMEOUT] = kTimeout.count();
+    // The requests, and how long after the one before each of them came.
+    struct Timed {
+        SeenRequest request;
+        std::chrono::steady_clock::duration gap;
+    };
+    std::mutex mutex;
+    Stopwatch last;
+    std::vector<Timed> requests;
+    fake.on_request = [&](const SeenRequest& request) {
+        const std::lock_guard lock(mutex);
+        requests.push_back({request, last.Elapsed()});
+        last = Stopwatch();
+    };
+    const auto seen = [&] {
+        const std::lock_guard lock(mutex);
+        return requests;
+    };
+    const auto last_gap = [&] {
+        const std::lock_guard lock(mutex);
+        return last.Elapsed();
+    };
+    RepeatUntilInTime([&] {
+        {
+            const std::lock_guard lock(mutex);
+            requests.clear();
+            last = Stopwatch();
+        }
+        EXPECT_EQ(camera.Open(nullptr, false), KELO_STATUS_SUCCESS);
+        // The opening ends with the packet size.
+        const auto kept_alive = [&] {
+            auto all = seen();
+            const auto open = std::find_if(all.rbegin(), all.rend(), [](const Timed& timed) {
+                return timed.request.reg == REG_MTU;
+            });
+            return std::vector<Timed>(open.base(), all.end());
+        };
+        const bool came = WaitFor([&] { return kept_alive().size() >= 3; });
+        const bool is_opened = camera.IsOpened();
+        std::chrono::steady_clock::duration longest = last_gap();
+        for (const Timed& timed : seen())
+            longest = std::max(longest, timed.gap);
+        const auto asked = kept_alive();
+        camera.Close();
+        // The session is lost, rightly, when it hears nothing for that long.
+        if (longest >= kTimeout) return false;
+        EXPECT_TRUE(came);
+        EXPECT_TRUE(is_opened);
+        for (const Timed& timed : asked) {
+            EXPECT_EQ(timed.request.command, 4u);
+            EXPECT_EQ(timed.request.reg, uint32_t{REG_WIDTH});
+            EXPECT_GE(timed.gap, kTimeout / 3 - milliseconds(5)) << "more often than needed";
+        }
+        return true;
+    });
+    fake.on_request = nullptr;
 }
 
 TEST_F(Session, ATimeoutOfZeroMeansNoSupervision) {
@@ -147,15 +196,26 @@ TEST_F(Session, ATimeoutOfZeroMeansNoSupervision) {
 }
 
 TEST_F(Session, AStoppedHeartbeatAsksNothing) {
-    fake.registers[REG_HEARTBEAT_TIMEOUT] = 1;
-    camera.Open(nullptr, false);
-    camera.HeartbeatStop();
-    // A tick that had begun before may still ask once.
-    std::this_thread::sleep_for(std::chrono::milliseconds(150));
-    fake.Forget();
-    for (int i = 0; i < 5; ++i)
-        camera.HeartbeatRun();
-    EXPECT_TRUE(fake.Requests().empty());
+    using std::chrono::milliseconds;
+    constexpr milliseconds kInterval(400);
+    fake.registers[REG_HEARTBEAT_TIMEOUT] = static_cast<uint32_t>(3 * kInterval.count());
+    RepeatUntilInTime([&] {
+        const Stopwatch time;
+        camera.Open(nullptr, false);
+        camera.HeartbeatStop();
+        fake.Forget();
+        // Later, a tick that had begun before the stop may still ask.
+        const bool in_time = time.Elapsed() < kInterval;
+        // Longer than a heartbeat that goes on keeps still.
+        std::this_thread::sleep_for(kInterval + milliseconds(200));
+        for (int i = 0; i < 5; ++i)
+            camera.HeartbeatRun();
+        if (in_time) {
+            EXPECT_TRUE(fake.Requests().empty());
+        }
+        camera.Close();
+        return in_time;
+    });
 }
 
 TEST_F(Session, ACameraThatStopsAnsweringIsClosed) {
@@ -181,7 +241,7 @@ TEST(StreamMask, CountsUpToTheHighestOfBits1To7) {
 TEST(SessionEnd, ASessionThatIsOpenIsClosedByItsDestruction) {
     const LogCapture log;
     FakeSession session;
-    session.fake->registers[REG_HEARTBEAT_TIMEOUT] = 3000;
+    session.fake->registers[REG_HEARTBEAT_TIMEOUT] = 100000;
     session.camera->Open(nullptr, false);
     session.fake->Forget();
     session.camera.reset();

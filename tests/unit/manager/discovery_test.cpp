@@ -16,7 +16,7 @@ protected:
         Bytes datagram(1000);
         uint32_t ip = 0;
         uint16_t port = 0;
-        if (WaitReadable(listener, 5000) <= 0) return {};
+        if (WaitReadable(listener, 20000) <= 0) return {};
         const ssize_t count = listener.receive(datagram.data(), datagram.size(), &ip, &port);
         datagram.resize(static_cast<size_t>(std::max<ssize_t>(count, 0)));
         if (from_ip != nullptr) *from_ip = ip;
@@ -89,13 +89,19 @@ TEST_F(Discovery, AKnownCameraKeepsItsSession) {
 TEST_F(Discovery, DoesNotWaitForASessionWithARequestUnderWay) {
     UDPSocket camera(kCamera, 6061);
     const Bytes identity = DiscoveryReply(kCamera, "Camera");
+    std::atomic<bool> found{false};
     std::thread answer([&] {
-        uint32_t ip = 0;
-        uint16_t port = 0;
-        NextDatagram(&ip, &port);
-        camera.sendto(identity.data(), identity.size(), ip, port);
+        while (!found) {
+            if (WaitReadable(listener, 10) <= 0) continue;
+            uint32_t ip = 0;
+            uint16_t port = 0;
+            NextDatagram(&ip, &port);
+            camera.sendto(identity.data(), identity.size(), ip, port);
+        }
     });
-    EXPECT_EQ(manager->Discover(0, 500), 1u);
+    // Until an answer has come while it listened.
+    EXPECT_TRUE(WaitFor([&] { return manager->Discover(0, 200) == 1; }));
+    found = true;
     answer.join();
     const auto session = manager->FindIp(kCamera);
     ASSERT_NE(session, nullptr);
@@ -108,7 +114,7 @@ TEST_F(Discovery, DoesNotWaitForASessionWithARequestUnderWay) {
         answered = true;
     });
     // The session waits for its answer from here on.
-    EXPECT_EQ(WaitReadable(camera, 5000), 1);
+    EXPECT_EQ(WaitReadable(camera, 20000), 1);
     Receive(identity);
     EXPECT_EQ(manager->Discover(0, 0), 1u);
     // On a busy machine an attempt may have timed out meanwhile: the one under way is answered.
@@ -217,34 +223,49 @@ TEST(SendSetIp, SucceedsWhenAll34BytesWentOut) {
     EXPECT_FALSE(KELOManager::SendSetIP(none, mac, 1, 2, 3));
 }
 
-TEST_F(Discovery, TheReplyOverTheCamerasOwnSubnetWins) {
+class TwoInterfaces : public Discovery {
+protected:
+    // The camera says the same over both interfaces: first on loopback, then on its own subnet,
+    // then on loopback again. Whether what it said on its own subnet is what was kept.
+    bool OwnSubnetWins(std::chrono::milliseconds pause) {
+        while (WaitReadable(listener, 0) == 1)
+            NextDatagram();
+        uint32_t found = 0;
+        const auto listen_ms = static_cast<uint32_t>(10 * pause.count());
+        std::thread discovery([&] { found = manager->Discover(0, listen_ms); });
+        uint32_t from_ip = 0;
+        uint16_t port = 0;
+        EXPECT_EQ(NextDatagram(&from_ip, &port).size(), 14u);
+        // The transports of both interfaces are there once the second broadcast was heard.
+        EXPECT_EQ(NextDatagram().size(), 14u);
+        UDPSocket camera(0x0A070001, 0);
+        const auto say = [&](uint32_t to, const char* what) {
+            const Bytes reply = DiscoveryReply(0x0A070002, what);
+            EXPECT_GT(camera.sendto(reply.data(), reply.size(), to, port), 0);
+            // In order: each one has been taken before the next goes out.
+            std::this_thread::sleep_for(pause);
+        };
+        say(0x7F000001, "Loopback first");
+        say(0x0A070001, "Own subnet");
+        say(0x7F000001, "Loopback again");
+        discovery.join();
+        const auto session = manager->FindIp(0x0A070002);
+        return found == 1 && session != nullptr &&
+               session->camInfo()->hardware_description == std::string("Own subnet");
+    }
+};
+
+TEST_F(TwoInterfaces, TheReplyOverTheCamerasOwnSubnetWins) {
     if (!InPrivateNetwork()) GTEST_SKIP() << "needs an interface of its own";
     Ip("link add veth-a type veth peer name veth-b");
     Ip("address add 10.7.0.1/24 dev veth-a");
     Ip("link set veth-a up");
     Ip("link set veth-b up");
-    uint32_t found = 0;
-    std::thread discovery([&] { found = manager->Discover(0, 3000); });
-    uint32_t from_ip = 0;
-    uint16_t port = 0;
-    ASSERT_EQ(NextDatagram(&from_ip, &port).size(), 14u);
-    // The transports of both interfaces are there once the second broadcast was heard.
-    ASSERT_EQ(NextDatagram().size(), 14u);
-    // The camera says the same over both: first on loopback, then on its own subnet, then on
-    // loopback again.
-    UDPSocket camera(0x0A070001, 0);
-    const auto say = [&](uint32_t to, const char* what) {
-        const Bytes reply = DiscoveryReply(0x0A070002, what);
-        ASSERT_GT(camera.sendto(reply.data(), reply.size(), to, port), 0);
-        // In order: each one has been taken before the next goes out.
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    };
-    say(0x7F000001, "Loopback first");
-    say(0x0A070001, "Own subnet");
-    say(0x7F000001, "Loopback again");
-    discovery.join();
-    EXPECT_EQ(found, 1u);
-    EXPECT_STREQ(manager->FindIp(0x0A070002)->camInfo()->hardware_description, "Own subnet");
+    // Who answers last counts as last only if it was taken last. Once more with far longer pauses,
+    // should the short ones not have been enough.
+    const bool own_subnet_won =
+        OwnSubnetWins(std::chrono::milliseconds(50)) || OwnSubnetWins(std::chrono::seconds(2));
+    EXPECT_TRUE(own_subnet_won);
 }
 
 }  // namespace

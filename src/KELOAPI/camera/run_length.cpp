@@ -1,11 +1,9 @@
 #include "run_length.h"
 
-#include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <span>
 
-#include "literal_run.h"
+#include "run_length_variants.h"
 
 namespace {
 
@@ -15,21 +13,17 @@ constexpr uint8_t kZeroRun = 0x00;
 constexpr uint8_t kFullRun = 0xFF;
 constexpr int kNextToken = -1;
 
-// One decoding: where it stands in input and output. Sizes are unsigned: a size of 2^31 and more
-// compares as what it is.
-class Decoder {
+// Knows every rule; one token after the other.
+class PlainDecoder {
 public:
-    Decoder(uint8_t* output, uint32_t output_size, std::span<const uint8_t> input)
-        : output_(output), output_size_(output_size), input_(input) {}
+    explicit PlainDecoder(const RunLengthCursor& at) : at_(at) {}
 
     // The result code, or kNextToken.
     int DecodeToken() {
-        // Runs follow each other in binary images: the search for literals is not begun there.
-        if (IsLiteral(input_[consumed_])) TakeLiterals();
-        const uint8_t value = input_[consumed_];
+        const uint8_t value = *at_.input;
         if (value == kEnd1) return 1;
         if (value == kEnd2) return 2;
-        output_[produced_++] = value;
+        *at_.output = value;
         switch (value) {
             case kZeroRun:
                 return DecodeZeroRun();
@@ -41,62 +35,68 @@ public:
     }
 
 private:
-    bool OutputExceeded() const { return output_size_ < produced_; }
-    bool InputEndsAt(uint32_t position) const { return input_.size() <= position; }
-
-    // Literals come in long rows: takes those that neither fill the output beyond its end nor are
-    // the input's last byte, which have results of their own.
-    void TakeLiterals() {
-        const size_t room = output_size_ - produced_;
-        const size_t left = input_.size() - 1 - consumed_;
-        const size_t count =
-            CopyLiterals(output_ + produced_, input_.data() + consumed_, std::min(room, left));
-        produced_ += static_cast<uint32_t>(count);
-        consumed_ += static_cast<uint32_t>(count);
-    }
-
     int DecodeZeroRun() {
-        if (OutputExceeded()) return 3;
-        if (InputEndsAt(consumed_ + 1)) return 4;
-        if (InputEndsAt(consumed_ + 2)) return 5;
-        const uint32_t length = input_[consumed_ + 1] | uint32_t{input_[consumed_ + 2]} << 8;
-        consumed_ += 3;
-        if (InputEndsAt(consumed_)) return 6;
-        return Fill(kZeroRun, length) ? kNextToken : 7;
+        if (at_.output_left == 0) return 3;
+        if (at_.input_left <= 1) return 4;
+        if (at_.input_left <= 2) return 5;
+        if (at_.input_left <= 3) return 6;
+        const size_t length = at_.input[1] + size_t{256} * at_.input[2] + 1;
+        return FinishRun(3, kZeroRun, length) ? kNextToken : 7;
     }
 
     int DecodeFullRun() {
-        if (OutputExceeded()) return 8;
-        if (InputEndsAt(consumed_ + 1)) return 9;
-        const uint32_t length = input_[consumed_ + 1];
-        consumed_ += 2;
-        if (InputEndsAt(consumed_)) return 10;
-        return Fill(kFullRun, length) ? kNextToken : 11;
+        if (at_.output_left == 0) return 8;
+        if (at_.input_left <= 1) return 9;
+        if (at_.input_left <= 2) return 10;
+        const size_t length = at_.input[1] + size_t{1};
+        return FinishRun(2, kFullRun, length) ? kNextToken : 11;
     }
 
     int FinishLiteral() {
-        if (OutputExceeded()) return 12;
-        ++consumed_;
-        return InputEndsAt(consumed_) ? 13 : kNextToken;
+        if (at_.output_left == 0) return 12;
+        if (at_.input_left <= 1) return 13;
+        Advance(1, 1);
+        return kNextToken;
     }
 
-    bool Fill(uint8_t value, uint32_t length) {
-        if (output_size_ - produced_ < length) return false;
-        std::memset(output_ + produced_, value, length);
-        produced_ += length;
+    bool FinishRun(size_t token_bytes, uint8_t value, size_t length) {
+        if (at_.output_left < length) return false;
+        std::memset(at_.output, value, length);
+        Advance(token_bytes, length);
         return true;
     }
 
-    uint8_t* output_;
-    uint32_t output_size_;
-    std::span<const uint8_t> input_;
-    uint32_t consumed_ = 0;
-    uint32_t produced_ = 0;
+    void Advance(size_t input, size_t output) {
+        at_.input += input;
+        at_.input_left -= input;
+        at_.output += output;
+        at_.output_left -= output;
+    }
+
+    RunLengthCursor at_;
 };
 
 }  // namespace
 
+std::span<const RunLengthVariant> RunLengthVariants() {
+#if defined(__x86_64__)
+    static constexpr RunLengthVariant kVariants[] = {
+        {"plain", nullptr}, {"sse2", DecodeRunLengthWithSse2}, {"avx2", DecodeRunLengthWithAvx2}};
+    static const bool has_avx2 = __builtin_cpu_supports("avx2") != 0;
+    return std::span(kVariants).first(has_avx2 ? 3 : 2);
+#else
+    static constexpr RunLengthVariant kVariants[] = {{"plain", nullptr}};
+    return kVariants;
+#endif
+}
+
 int DecodeRLE(void* pBuffer, const void* pRLEbuffer, int BufferSize, int RleMaxBufferSize) {
+    return DecodeRLE(RunLengthVariants().back().loop, pBuffer, pRLEbuffer, BufferSize,
+                     RleMaxBufferSize);
+}
+
+int DecodeRLE(RunLengthLoop loop, void* pBuffer, const void* pRLEbuffer, int BufferSize,
+              int RleMaxBufferSize) {
     const auto output_size = static_cast<uint32_t>(BufferSize);
     if (RleMaxBufferSize < 0) return 0;
     if (RleMaxBufferSize == 0) {
@@ -105,9 +105,13 @@ int DecodeRLE(void* pBuffer, const void* pRLEbuffer, int BufferSize, int RleMaxB
         std::memset(pBuffer, 0, output_size);
         return 14;
     }
-    Decoder decoder(
-        static_cast<uint8_t*>(pBuffer), output_size,
-        {static_cast<const uint8_t*>(pRLEbuffer), static_cast<size_t>(RleMaxBufferSize)});
+    RunLengthCursor at{static_cast<uint8_t*>(pBuffer), output_size,
+                       static_cast<const uint8_t*>(pRLEbuffer),
+                       static_cast<size_t>(RleMaxBufferSize)};
+    // A negative size stands for one of 2^31 and more. Hardly anybody has so much memory: nothing
+    // is touched there but what the tokens ask for.
+    if (loop != nullptr && BufferSize >= 0) loop(at);
+    PlainDecoder decoder(at);
     // Every token consumes input and reports its end, so the loop is bounded by the input.
     while (true) {
         const int result = decoder.DecodeToken();

@@ -1,13 +1,15 @@
 // What decoding a run-length coded image costs, beside the plain loop over its bytes.
 
-#include "run_length.h"
-
 #include <algorithm>
 #include <cstdint>
 #include <random>
+#include <string>
 #include <vector>
 
 #include <benchmark/benchmark.h>
+
+#include "plain_run_length.h"
+#include "run_length_variants.h"
 
 namespace {
 
@@ -94,60 +96,50 @@ Bytes Uniform() {
     });
 }
 
-// The floor: the format's rules, byte by byte, with every check that the library makes.
-int DecodePlainly(uint8_t* output, const uint8_t* input, uint32_t output_size,
-                  uint32_t input_size) {
-    uint32_t produced = 0;
-    uint32_t consumed = 0;
-    while (consumed < input_size) {
-        const uint8_t value = input[consumed];
-        if (value == 1 || value == 2) return value;
-        if (output_size < produced + 1) return 12;
-        output[produced++] = value;
-        uint32_t run = 0;
-        uint32_t token = 1;
-        if (value == 0) {
-            if (input_size <= consumed + 2) return 4;
-            run = input[consumed + 1] | uint32_t{input[consumed + 2]} << 8;
-            token = 3;
-        } else if (value == 0xFF) {
-            if (input_size <= consumed + 1) return 9;
-            run = input[consumed + 1];
-            token = 2;
-        }
-        consumed += token;
-        if (input_size <= consumed) return 13;
-        if (output_size - produced < run) return 7;
-        for (uint32_t i = 0; i < run; ++i)
-            output[produced + i] = value;
-        produced += run;
-    }
-    return 0;
-}
+struct Image {
+    const char* name;
+    Bytes (*make)();
+};
 
-template <Bytes (*MakeImage)(), bool kPlain>
-void Decode(benchmark::State& state) {
-    const Bytes image = MakeImage();
+constexpr Image kImages[] = {{"grey noise", GreyNoise},
+                             {"laser line", LaserLine},
+                             {"binary blobs", BinaryBlobs},
+                             {"uniform bytes", Uniform}};
+
+template <typename Decoder>
+void Decode(benchmark::State& state, const Image& image, Decoder decode) {
+    const Bytes coded = image.make();
     Bytes output(kPixels + 1);
     for ([[maybe_unused]] auto step : state) {
-        const int result = kPlain
-                               ? DecodePlainly(output.data(), image.data(), kPixels,
-                                               static_cast<uint32_t>(image.size()))
-                               : DecodeRLE(output.data(), image.data(), static_cast<int>(kPixels),
-                                           static_cast<int>(image.size()));
-        if (result != 1) state.SkipWithError("the image was not decoded whole");
+        if (decode(output, coded) != 1) state.SkipWithError("the image was not decoded whole");
         benchmark::ClobberMemory();
     }
     state.SetBytesProcessed(state.iterations() * int64_t{kPixels});
 }
 
-BENCHMARK(Decode<GreyNoise, true>)->Name("decode grey noise, plain loop");
-BENCHMARK(Decode<GreyNoise, false>)->Name("decode grey noise, library");
-BENCHMARK(Decode<LaserLine, true>)->Name("decode laser line, plain loop");
-BENCHMARK(Decode<LaserLine, false>)->Name("decode laser line, library");
-BENCHMARK(Decode<BinaryBlobs, true>)->Name("decode binary blobs, plain loop");
-BENCHMARK(Decode<BinaryBlobs, false>)->Name("decode binary blobs, library");
-BENCHMARK(Decode<Uniform, true>)->Name("decode uniform bytes, plain loop");
-BENCHMARK(Decode<Uniform, false>)->Name("decode uniform bytes, library");
+void Register(const Image& image) {
+    const std::string name = std::string("decode ") + image.name + "/";
+    benchmark::RegisterBenchmark((name + "plain loop").c_str(), [image](benchmark::State& state) {
+        Decode(state, image, [](Bytes& output, const Bytes& coded) {
+            return DecodePlainly(output.data(), coded.data(), kPixels,
+                                 static_cast<uint32_t>(coded.size()));
+        });
+    });
+    // The last one is what the library chooses on this machine.
+    for (const RunLengthVariant& variant : RunLengthVariants()) {
+        benchmark::RegisterBenchmark((name + variant.name).c_str(), [=](benchmark::State& state) {
+            Decode(state, image, [=](Bytes& output, const Bytes& coded) {
+                return DecodeRLE(variant.loop, output.data(), coded.data(),
+                                 static_cast<int>(kPixels), static_cast<int>(coded.size()));
+            });
+        });
+    }
+}
+
+[[maybe_unused]] const bool is_registered = [] {
+    for (const Image& image : kImages)
+        Register(image);
+    return true;
+}();
 
 }  // namespace

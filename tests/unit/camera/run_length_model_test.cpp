@@ -137,7 +137,6 @@ public:
 
 private:
     static constexpr uint32_t kSizes[] = {4, 40, 80, 200};
-    static constexpr uint32_t kTokensMax = 300;
 
     void AddSome(Shape shape) {
         switch (shape) {

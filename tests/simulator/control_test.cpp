@@ -44,6 +44,12 @@ protected:
     }};
     UdpClient client;
 
+    // Until the camera has taken all that was sent to it. Its thread looks at its sockets between
+    // two such orders.
+    void AwaitReception() {
+        camera().CloseConnections();
+        camera().CloseConnections();
+    }
     bool HasEvent(const std::string& text) {
         std::lock_guard lock(events_mutex);
         return std::any_of(events.begin(), events.end(), [&](const std::string& event) {
@@ -595,6 +601,7 @@ TEST_F(ControlTest, SilentCameraSaysNothingAndKeepsItsState) {
     camera().UpdateFaults([](Faults& faults) { faults.silent = true; });
     client.Send(ReadRegister(1, REG_GAIN), kFirst);
     client.Send(ControlHeader(1, 0), kFirst);
+    AwaitReception();
     EXPECT_TRUE(client.Receive(50).empty());
     camera().UpdateFaults([](Faults& faults) { faults.silent = false; });
     EXPECT_EQ(client.Get(kFirst, REG_GAIN), 7u);

@@ -12,10 +12,10 @@ TEST_F(Library, ReleaseWithFourOpenCamerasIsQuick) {
     kelosim::CameraConfig base;
     base.streams[0].source = kelosim::MakeTestChart8(64, 64);
     base.streams[0].frame_rate = 20;
-    simulator.AddMany(4, base);
+    AddCameras(4, base);
     simulator.Start();
-    for (int i = 0; i < 4; ++i)
-        OpenAndStart(simulator[static_cast<size_t>(i)]);
+    for (const CAM_HANDLE handle : DiscoverAll(4))
+        OpenAndStart(handle);
     const auto begin = steady_clock::now();
     EXPECT_EQ(keloRelease(), KELO_STATUS_SUCCESS);
     const auto elapsed = steady_clock::now() - begin;
@@ -29,10 +29,10 @@ TEST_F(Library, ReleaseWithFourOpenCamerasIsQuick) {
 }
 
 TEST_F(Library, DeadCamerasAreClosedSideBySide) {
-    simulator.AddMany(8);
+    AddCameras(8);
     simulator.Start();
-    for (size_t i = 0; i < 8; ++i)
-        Open(simulator[i]);
+    for (const CAM_HANDLE handle : DiscoverAll(8))
+        Open(handle);
     for (size_t i = 0; i < 8; ++i)
         simulator[i].PowerOff();
     const auto begin = steady_clock::now();

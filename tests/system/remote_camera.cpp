@@ -40,6 +40,7 @@ void SendByte(int fd) {
         kelosim::CameraConfig config;
         config.address = RemoteCamera::kAddress;
         config.subnet_mask = 0xFFFFFF00;
+        config.heartbeat_timeout_ms = 100000;
         config.streams = {RemoteCamera::Stream()};
         simulator.Add(config);
         simulator.Start();

@@ -9,6 +9,7 @@
 #include <benchmark/benchmark.h>
 
 #include "plain_run_length.h"
+#include "register.h"
 #include "run_length_variants.h"
 
 namespace {
@@ -119,7 +120,7 @@ void Decode(benchmark::State& state, const Image& image, Decoder decode) {
 
 void Register(const Image& image) {
     const std::string name = std::string("decode ") + image.name + "/";
-    benchmark::RegisterBenchmark((name + "plain loop").c_str(), [image](benchmark::State& state) {
+    Row(name + "plain loop", [image](benchmark::State& state) {
         Decode(state, image, [](Bytes& output, const Bytes& coded) {
             return DecodePlainly(output.data(), coded.data(), kPixels,
                                  static_cast<uint32_t>(coded.size()));
@@ -127,7 +128,7 @@ void Register(const Image& image) {
     });
     // The last one is what the library chooses on this machine.
     for (const RunLengthVariant& variant : RunLengthVariants()) {
-        benchmark::RegisterBenchmark((name + variant.name).c_str(), [=](benchmark::State& state) {
+        Row(name + variant.name, [=](benchmark::State& state) {
             Decode(state, image, [=](Bytes& output, const Bytes& coded) {
                 return DecodeRLE(variant.loop, output.data(), coded.data(),
                                  static_cast<int>(kPixels), static_cast<int>(coded.size()));

@@ -14,7 +14,7 @@
 #include "../../tests/support/network_namespace.h"
 #include "../support/bench_camera.h"
 #include "../support/cpu.h"
-#include "../support/library_camera.h"
+#include "../support/library_cameras.h"
 #include "../support/peer.h"
 #include "../support/statistics.h"
 #include "bare_client.h"
@@ -116,10 +116,10 @@ int main(int argc, char** argv) try {
     if (!kelo::test::EnterPrivateNetwork()) {
         std::puts("no private network allowed here: measuring on the machine's own loopback");
     }
-    Peer peer(options.camera_core, size_t{1} << 20,
+    Peer peer(options.camera_core, CameraSetup{},
               [](const BenchCamera&) { return [](auto, auto) {}; });
     PinToCore(options.client_core);
-    const LibraryCamera camera;
+    const LibraryCameras camera;
     BareClient bare;
     std::array<uint32_t, PAYLOAD_REGISTERS> payload{};
     std::vector<Subject> subjects = MakeSubjects(camera.Handle(), bare, payload);

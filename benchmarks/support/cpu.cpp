@@ -4,13 +4,17 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <ctime>
+#include <fstream>
 #include <limits>
+#include <sstream>
 #include <string>
 #include <system_error>
 #include <thread>
 
 #include <sched.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 namespace kelo::bench {
 namespace {
@@ -71,6 +75,38 @@ double CpuSeconds() {
 double Now() {
     return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
         .count();
+}
+
+int64_t NowNs() {
+    timespec time{};
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    return int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
+}
+
+int64_t ThreadCpuNs(pid_t thread) {
+    // How the kernel spells the processor time clock of a thread by its number.
+    const auto clock = static_cast<clockid_t>((~static_cast<unsigned>(thread) << 3) | 6U);
+    timespec time{};
+    if (clock_gettime(clock, &time) != 0) return 0;
+    return int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
+}
+
+double CoreBusySeconds(int core) {
+    std::ifstream stat("/proc/stat");
+    const std::string wanted = "cpu" + std::to_string(core);
+    for (std::string line; std::getline(stat, line);) {
+        std::istringstream fields(line);
+        std::string name;
+        // user nice system idle iowait irq softirq steal, in clock ticks
+        double ticks[8] = {};
+        fields >> name;
+        if (name != wanted) continue;
+        for (double& field : ticks)
+            fields >> field;
+        const double busy = ticks[0] + ticks[1] + ticks[2] + ticks[5] + ticks[6] + ticks[7];
+        return busy / static_cast<double>(sysconf(_SC_CLK_TCK));
+    }
+    return 0;
 }
 
 double PlacementProbeNs(int core_a, int core_b) {

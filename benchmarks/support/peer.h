@@ -4,7 +4,8 @@
 #include <functional>
 #include <span>
 
-#include <sys/types.h>
+#include "bench_camera.h"
+#include "child_process.h"
 
 namespace kelo::bench {
 
@@ -12,40 +13,31 @@ namespace kelo::bench {
 using OrderHandler =
     std::function<void(std::span<const std::byte> order, std::span<std::byte> answer)>;
 
-class BenchCamera;
-
 // The other process: the camera's side of a measurement, pinned to a core of its own, so that
 // processor time of this process is the client's alone. It answers control requests whenever it
 // does not carry out an order, and ends when this object does.
 class Peer {
 public:
     // Forks, so call it before any thread exists. make_handler runs in the new process.
-    Peer(int core, size_t frame_size,
-         const std::function<OrderHandler(const BenchCamera&)>& make_handler);
-    ~Peer();
-    Peer(const Peer&) = delete;
-    Peer& operator=(const Peer&) = delete;
+    Peer(int core, const CameraSetup& cameras,
+         const std::function<OrderHandler(BenchCamera&)>& make_handler);
+
+    pid_t Pid() const { return process_.Pid(); }
 
     template <typename Order>
     void Begin(const Order& order) {
-        BeginBytes(std::as_bytes(std::span(&order, 1)));
+        process_.Send(order);
     }
     // Whether the order is done, without waiting.
-    bool Done() const;
+    bool Done() const { return process_.Ready(); }
     // Waits until the order is done.
     template <typename Answer>
-    Answer Wait() {
-        Answer answer{};
-        WaitBytes(std::as_writable_bytes(std::span(&answer, 1)));
-        return answer;
+    Answer Wait(double seconds = 60) {
+        return process_.Receive<Answer>(seconds);
     }
 
 private:
-    void BeginBytes(std::span<const std::byte> order);
-    void WaitBytes(std::span<std::byte> answer);
-
-    int channel_;
-    pid_t pid_;
+    ChildProcess process_;
 };
 
 }  // namespace kelo::bench

@@ -1,0 +1,103 @@
+#include "row_runner.h"
+
+#include <algorithm>
+#include <cstdio>
+
+#include "../support/cpu.h"
+#include "max_rate.h"
+#include "row_report.h"
+#include "stalls.h"
+
+namespace kelo::bench {
+namespace {
+
+constexpr double FOREIGN_SHARE_MAX = 0.1;
+constexpr double PLACEMENT_CHANGE_MAX = 1.5;
+constexpr int STALLS = 20;
+
+class RoundRunner {
+public:
+    RoundRunner(const Row& row, const RunOptions& options)
+        : row_(row),
+          options_(options),
+          stage_(row, options.cores),
+          stalls_(options.cores.receiver) {}
+
+    RowOutcome Run();
+
+private:
+    Round RunRound(size_t number);
+    kelo::bench::Run RunVariant(size_t variant);
+    double Probe() const {
+        return PlacementProbeNs(options_.cores.sender, options_.cores.receiver);
+    }
+    std::string Disturbance(const Round& round) const;
+
+    const Row row_;
+    const RunOptions options_;
+    Stage stage_;
+    const Stalls stalls_;
+};
+
+RowOutcome RoundRunner::Run() {
+    RowOutcome outcome;
+    if (!stage_.Path().Note().empty()) outcome.notes.push_back(stage_.Path().Note());
+    if (row_.stall_ms > 0) {
+        outcome.notes.push_back(std::string(stalls_.How()) + ", " + std::to_string(STALLS) +
+                                " times in a run");
+    }
+    // Warms caches and buffers up.
+    if (!row_.first_run_counts) RunRound(0);
+    const int rounds = row_.rounds != 0 ? row_.rounds : options_.rounds;
+    for (int i = 0; i < rounds; ++i) {
+        outcome.rounds.push_back(RunRound(static_cast<size_t>(i)));
+        std::fprintf(stderr, "%s: round %d of %d\n", row_.name.c_str(), i + 1, rounds);
+    }
+    return outcome;
+}
+
+// The order moves on from round to round, so that no variant always runs after the same one.
+Round RoundRunner::RunRound(size_t number) {
+    Round round;
+    round.runs.resize(stage_.Variants());
+    round.probe_before_ns = Probe();
+    for (size_t i = 0; i < stage_.Variants(); ++i) {
+        const size_t variant = (number + i) % stage_.Variants();
+        round.runs[variant] = RunVariant(variant);
+    }
+    round.probe_after_ns = Probe();
+    round.dropped = Disturbance(round);
+    return round;
+}
+
+kelo::bench::Run RoundRunner::RunVariant(size_t variant) {
+    const double seconds = std::max(options_.seconds, row_.seconds_min);
+    std::function<void(pid_t)> meanwhile;
+    if (row_.stall_ms > 0) {
+        meanwhile = [this](pid_t receiver) { stalls_.Inflict(receiver, row_.stall_ms, STALLS); };
+    }
+    return stage_.RunVariant(variant, seconds, row_.traffic.bytes_per_second, row_.images,
+                             meanwhile);
+}
+
+// The two virtual cores were moved nearer or farther under the round, or had other work.
+std::string RoundRunner::Disturbance(const Round& round) const {
+    const double change = round.probe_after_ns / round.probe_before_ns;
+    if (change > PLACEMENT_CHANGE_MAX || change < 1 / PLACEMENT_CHANGE_MAX) return "placement";
+    const bool foreign = std::any_of(round.runs.begin(), round.runs.end(), [](const auto& run) {
+        return run.foreign_share > FOREIGN_SHARE_MAX;
+    });
+    // A stall is other work, on purpose.
+    return foreign && row_.stall_ms == 0 ? "other work" : "";
+}
+
+}  // namespace
+
+std::string RunRow(const Row& row, const RunOptions& options) {
+    if (row.kind == Row::Kind::MAX_RATE) return RunMaxRate(row, options);
+    const RowOutcome outcome = RoundRunner(row, options).Run();
+    PrintRow(row, outcome);
+    return RowJson(row, outcome);
+}
+
+}  // namespace kelo::bench

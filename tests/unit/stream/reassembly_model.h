@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <deque>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "kelo_types.h"
@@ -28,8 +29,11 @@ public:
 
     explicit ReassemblyModel(uint32_t frame_size) : frame_size_(frame_size) {}
 
-    void Restart() {
+    void Restart() { Restart(frame_size_); }
+
+    void Restart(uint32_t frame_size) {
         CompleteAll();
+        frame_size_ = frame_size;
         window_.assign(2048, false);
         first_packet_sets_window_ = true;
         image_ = packet_ = 0;
@@ -54,6 +58,22 @@ public:
         quiet_ = true;
     }
 
+    void ResetStatistics() { counters_ = {}; }
+
+    // Without any image to come, or with several of them, nobody can tell what completes one.
+    uint32_t PacketsToCome() const {
+        if (images_.size() != 1) return 0;
+        const auto end =
+            window_.begin() + std::min<uint32_t>(images_.front().count - packet_, 2048);
+        const auto arrived = static_cast<uint32_t>(std::count(window_.begin(), end, true));
+        return images_.front().count - packet_ - arrived;
+    }
+
+    bool IsIdle() const { return images_.empty(); }
+
+    // Whether an image began since the last call.
+    bool TakeBegun() { return std::exchange(begun_, false); }
+
     std::vector<Image> finished;
     std::vector<std::string> log;
 
@@ -66,6 +86,13 @@ private:
         }
         const auto length = static_cast<uint32_t>(p.payload.size());
         if (index == images_.size()) {
+            while (images_.size() >= 512)
+                Consume(false);
+            index = images_.size();
+            before = 0;
+            for (const Image& image : images_)
+                before += image.count;
+            begun_ = true;
             if (images_.empty()) {
                 counters_.imagesSkipped += p.image - image_;
                 image_ = p.image;
@@ -166,11 +193,12 @@ private:
                       Signed(image) + ").");
     }
 
-    const uint32_t frame_size_;
+    uint32_t frame_size_;
     std::deque<Image> images_;
     std::deque<bool> window_ = std::deque<bool>(2048, false);
     bool first_packet_sets_window_ = false;
     bool quiet_ = true;
+    bool begun_ = false;
     uint32_t image_ = 0;
     uint32_t packet_ = 0;
     int arrivals_ = 0;

@@ -17,14 +17,14 @@ public:
         : cameras_(cameras), tcp_(std::move(tcp)) {}
 
     Sent Send(Order order) {
-        if (order.await_start) AwaitStart();
         if (order.traffic.tcp) return tcp_->Send(order);
+        if (udp_ == nullptr || !udp_->Fits(order.traffic, order.merge)) {
+            udp_ = std::make_unique<UdpSender>(order.traffic, cameras_.Setup(), order.merge);
+        }
+        if (order.await_start) AwaitStart();
         if (order.to_address == 0) {
             order.to_address = cameras_.ClientAddress();
             order.to_port = static_cast<uint16_t>(cameras_.Register(REG_STREAMPORT));
-        }
-        if (udp_ == nullptr || !udp_->Fits(order.traffic, order.merge)) {
-            udp_ = std::make_unique<UdpSender>(order.traffic, cameras_.Setup(), order.merge);
         }
         return udp_->Send(order);
     }

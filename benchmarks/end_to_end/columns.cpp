@@ -22,7 +22,13 @@ bool Reads(const Row& row, size_t variant) {
 }
 
 bool TellsImages(const Row& row, size_t variant) {
-    return Reads(row, variant) && row.variants[variant] != "drop";
+    return Reads(row, variant) && row.variants[variant] != "drop" &&
+           row.variants[variant] != "iperf-like";
+}
+
+// TCP has none that a receiver could tell.
+bool TellsPackets(const Row& row, size_t variant) {
+    return Reads(row, variant) && !row.traffic.tcp;
 }
 
 // Processor time of both processes and of the kernel's receiving threads.
@@ -55,12 +61,12 @@ double ReceivedRate(const Row& row, const Round& round, size_t variant) {
 
 double PacketRate(const Row& row, const Round& round, size_t variant) {
     const RunResult& run = Of(round, variant);
-    return Reads(row, variant) ? Per(static_cast<double>(run.datagrams), run.seconds)
-                               : NOT_MEASURED;
+    return TellsPackets(row, variant) ? Per(static_cast<double>(run.datagrams), run.seconds)
+                                      : NOT_MEASURED;
 }
 
 double PacketsLost(const Row& row, const Round& round, size_t variant) {
-    if (!Reads(row, variant)) return NOT_MEASURED;
+    if (!TellsPackets(row, variant)) return NOT_MEASURED;
     const RunResult& run = Of(round, variant);
     return static_cast<double>(run.sent.datagrams) - static_cast<double>(run.datagrams);
 }
@@ -78,8 +84,8 @@ double ImagesLost(const Row& row, const Round& round, size_t variant) {
 
 double ThreadNsPerPacket(const Row& row, const Round& round, size_t variant) {
     const RunResult& run = Of(round, variant);
-    return Reads(row, variant) ? Per(run.thread_cpu_ns, static_cast<double>(run.datagrams))
-                               : NOT_MEASURED;
+    return TellsPackets(row, variant) ? Per(run.thread_cpu_ns, static_cast<double>(run.datagrams))
+                                      : NOT_MEASURED;
 }
 
 double ThreadPerGb(const Row& row, const Round& round, size_t variant) {
@@ -131,12 +137,14 @@ double PeakMiB(const Row& row, const Round& round, size_t variant) {
 }
 
 double PeakBeyondFramesMiB(const Row& row, const Round& round, size_t variant) {
-    if (!TellsImages(row, variant)) return NOT_MEASURED;
+    // Cameras do not all hold the most at the same time.
+    if (!TellsImages(row, variant) || row.traffic.cameras > 1) return NOT_MEASURED;
     const RunResult& run = Of(round, variant);
     return (run.peak_bytes - run.images_in_flight * row.traffic.ImageSize()) / (1 << 20);
 }
 
-double ReceiveBufferMiB(const Row&, const Round& round, size_t variant) {
+double ReceiveBufferMiB(const Row& row, const Round& round, size_t variant) {
+    if (row.traffic.tcp) return NOT_MEASURED;
     return Of(round, variant).receive_buffer / (1 << 20);
 }
 

@@ -42,16 +42,18 @@ void FrameAssembler::Take(uint32_t source, const std::byte* datagram, size_t siz
     ++counts_.datagrams;
     counts_.bytes += length;
     taken_ = ++frame.taken;
-    if (taken_ == packets_) Complete(frame);
+    if (taken_ != packets_) return;
+    CompleteImage(setup_.traffic, frame.memory.data(), image, counts_, *latencies_);
 }
 
-void FrameAssembler::Complete(Frame& frame) {
+void CompleteImage(const Traffic& traffic, const std::byte* frame, uint32_t image, Received& counts,
+                   Latencies& latencies) {
     const int64_t now = NowNs();
     int64_t sent = 0;
-    std::memcpy(&sent, &frame.memory[setup_.traffic.StampOffset()], sizeof sent);
-    latencies_->Add(sent, now);
-    ++counts_.whole_images;
-    if (Get32(frame.memory.data()) != frame.image) {
+    std::memcpy(&sent, frame + traffic.StampOffset(), sizeof sent);
+    latencies.Add(sent, now);
+    ++counts.whole_images;
+    if (Get32(frame) != image) {
         throw std::runtime_error("a bare receiver put together a wrong image");
     }
 }

@@ -30,8 +30,6 @@ private:
         uint32_t taken = 0;
     };
 
-    void Complete(Frame& frame);
-
     const ReceiverSetup setup_;
     const size_t payload_;
     std::vector<Frame> frames_;  // by camera
@@ -40,5 +38,10 @@ private:
     uint32_t packets_;
     uint32_t taken_ = 0;
 };
+
+// Counts an image whose packets have all come. Throws std::runtime_error when it is not the image
+// that was sent.
+void CompleteImage(const Traffic& traffic, const std::byte* frame, uint32_t image, Received& counts,
+                   Latencies& latencies);
 
 }  // namespace kelo::bench

@@ -51,9 +51,10 @@ public:
 
 // Null for a name that is none. "library" (through the exported functions), "plain" (wait, then one
 // recvfrom per datagram), "blocking" (recvfrom with a receive time-out), "drop" (batches, thrown
-// away), "floor" (the best bare loop: merged datagrams in batches, copied), "moderated" (the same,
-// sleeping a moment where packets are few), "unread" (a socket that nobody reads), "iperf-like"
-// (TCP, thrown away); over TCP "plain" reads into a frame.
+// away), "floor" (merged datagrams in batches, copied), "scatter" (the same, written by the kernel
+// to where they are expected to belong), "moderated" (the floor, sleeping a moment where packets
+// come one by one), "unread" (a socket that nobody reads), "iperf-like" (TCP, thrown away); over
+// TCP "plain" reads into a frame.
 std::unique_ptr<Receiver> MakeReceiver(const std::string& name, const ReceiverSetup& setup);
 
 std::unique_ptr<Receiver> MakeLibraryReceiver(const ReceiverSetup& setup);
@@ -61,6 +62,7 @@ std::unique_ptr<Receiver> MakePlainReceiver(const ReceiverSetup& setup);
 std::unique_ptr<Receiver> MakeBlockingReceiver(const ReceiverSetup& setup);
 std::unique_ptr<Receiver> MakeDropReceiver();
 std::unique_ptr<Receiver> MakeFloorReceiver(const ReceiverSetup& setup);
+std::unique_ptr<Receiver> MakeScatterReceiver(const ReceiverSetup& setup);
 std::unique_ptr<Receiver> MakeModeratedReceiver(const ReceiverSetup& setup);
 std::unique_ptr<Receiver> MakeUnreadReceiver();
 std::unique_ptr<Receiver> MakeTcpFrameReceiver(const ReceiverSetup& setup);

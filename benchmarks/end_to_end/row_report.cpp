@@ -6,6 +6,7 @@
 #include <functional>
 
 #include "../support/json_writer.h"
+#include "../support/spread_json.h"
 #include "../support/statistics.h"
 
 namespace kelo::bench {
@@ -86,19 +87,13 @@ void PrintRatios(const Row& row, const std::vector<const Round*>& kept) {
     }
 }
 
-void WriteSpread(JsonWriter& json, const std::string& key, const Row&,
-                 const std::vector<const Round*>& kept, const RoundValue& value) {
-    const std::vector<double> values = Values(kept, value);
-    if (values.empty()) return;
-    const Spread spread = SpreadOf(values);
-    json.BeginObject(key)
-        .Number("median", spread.median)
-        .Number("lowest", spread.lowest)
-        .Number("highest", spread.highest)
-        .BeginArray("rounds");
+void WriteColumn(JsonWriter& json, const char* key, const std::vector<const Round*>& kept,
+                 const RoundValue& value) {
+    std::vector<double> values;
+    values.reserve(kept.size());
     for (const Round* round : kept)
-        json.Number({}, value(*round));
-    json.EndArray().EndObject();
+        values.push_back(value(*round));
+    WriteSpread(json, key, values);
 }
 
 void WriteVariants(JsonWriter& json, const Row& row, const std::vector<const Round*>& kept) {
@@ -106,7 +101,7 @@ void WriteVariants(JsonWriter& json, const Row& row, const std::vector<const Rou
     for (size_t i = 0; i < row.variants.size(); ++i) {
         json.BeginObject(row.variants[i]);
         for (const Column& column : Columns())
-            WriteSpread(json, column.key, row, kept, ValueOf(row, column, i));
+            WriteColumn(json, column.key, kept, ValueOf(row, column, i));
         json.EndObject();
     }
     json.EndObject();
@@ -119,8 +114,7 @@ void WriteRatios(JsonWriter& json, const Row& row, const std::vector<const Round
             if (i == to || row.variants[i] == "unread" || row.variants[to] == "unread") continue;
             json.BeginObject(row.variants[i] + "/" + row.variants[to]);
             for (const Column& column : Columns()) {
-                if (column.ratio)
-                    WriteSpread(json, column.key, row, kept, RatioOf(row, column, i, to));
+                if (column.ratio) WriteColumn(json, column.key, kept, RatioOf(row, column, i, to));
             }
             json.EndObject();
         }

@@ -8,7 +8,7 @@ using Names = std::vector<std::string>;
 constexpr uint32_t PACKET_1500 = 1472;  // UDP payload
 constexpr uint32_t PACKET_9000 = 8972;
 
-const Names BLAST = {"library", "plain", "blocking", "drop", "floor", "unread"};
+const Names BLAST = {"library", "plain", "blocking", "drop", "floor", "scatter", "unread"};
 const Names PACED = {"library", "plain", "blocking", "floor", "moderated", "unread"};
 
 void AddBlasts(std::vector<Row>& rows) {
@@ -78,7 +78,7 @@ void AddMaxRates(std::vector<Row>& rows) {
         rows.push_back({.name = "max-rate-" + packet,
                         .title = "highest rate without a lost packet, " + packet + "-byte packets",
                         .traffic = {.datagram_size = datagram},
-                        .variants = {"library", "floor", "blocking", "drop"},
+                        .variants = {"library", "floor", "scatter", "blocking", "drop"},
                         .kind = Row::Kind::MAX_RATE});
     }
 }

@@ -20,8 +20,9 @@ struct Cores {
 // A run, and what else went on meanwhile.
 struct Run {
     RunResult result;
-    // Share of the two cores' time that others took.
+    // Share of the two cores' time that others took, and more than which spoils a run.
     double foreign_share = 0;
+    static constexpr double FOREIGN_SHARE_MAX = 0.1;
 };
 
 // Everything that a row needs: the networks, the cameras' process and one process per variant.

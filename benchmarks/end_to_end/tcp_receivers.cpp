@@ -153,6 +153,7 @@ std::unique_ptr<Receiver> MakeReceiver(const std::string& name, const ReceiverSe
     if (name == "blocking") return MakeBlockingReceiver(setup);
     if (name == "drop") return MakeDropReceiver();
     if (name == "floor") return MakeFloorReceiver(setup);
+    if (name == "scatter") return MakeScatterReceiver(setup);
     if (name == "moderated") return MakeModeratedReceiver(setup);
     if (name == "unread") return MakeUnreadReceiver();
     return nullptr;

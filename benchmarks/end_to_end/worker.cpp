@@ -89,8 +89,8 @@ public:
         RunResult result;
         StoreUsage(before, Usage(threads, counter), result);
         result.sent = cameras_.Wait<Sent>();
-        StoreArrivals(received, latencies_, result);
         result.peak_bytes = PeakMemory() - memory_before_;
+        StoreArrivals(received, latencies_, result);
         result.receive_buffer = LargestReceiveBuffer();
         if (sampler) StoreSamples(*sampler, result);
         return result;

@@ -7,8 +7,10 @@
 #include <array>
 #include <cstdio>
 #include <exception>
+#include <fstream>
 #include <functional>
 #include <stdexcept>
+#include <string>
 #include <vector>
 
 #include "../../tests/support/network_namespace.h"
@@ -16,6 +18,7 @@
 #include "../support/cpu.h"
 #include "../support/library_cameras.h"
 #include "../support/peer.h"
+#include "../support/spread_json.h"
 #include "../support/statistics.h"
 #include "bare_client.h"
 
@@ -30,6 +33,7 @@ struct Options {
     int requests = 5000;
     int camera_core = 1;
     int client_core = 0;
+    std::string json;
 };
 
 struct Subject {
@@ -52,6 +56,7 @@ Options ParseOptions(int argc, char** argv) {
         ->capture_default_str();
     app.add_option("--client-core", options.client_core, "core of the client process")
         ->capture_default_str();
+    app.add_option("--json", options.json, "file for the results");
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -109,6 +114,42 @@ void Print(const std::vector<Subject>& subjects, const std::vector<double>& prob
     }
 }
 
+std::vector<double> Ratios(const std::vector<double>& values, const std::vector<double>& to) {
+    std::vector<double> ratios;
+    for (size_t i = 0; i < values.size(); ++i)
+        ratios.push_back(values[i] / to[i]);
+    return ratios;
+}
+
+void WriteVariant(JsonWriter& json, const char* name, const Subject& subject) {
+    json.BeginObject(name);
+    WriteSpread(json, "p50_us", subject.p50_us);
+    WriteSpread(json, "p99_us", subject.p99_us);
+    json.EndObject();
+}
+
+// "register read, library" is the row "register read" and the variant "library" there.
+void WriteJson(const std::string& path, const std::vector<Subject>& subjects,
+               const std::vector<double>& probes) {
+    JsonWriter json;
+    json.BeginObject().Text("benchmark", "round_trip").BeginArray("rows");
+    for (size_t i = 0; i < subjects.size(); i += 2) {
+        const std::string name = subjects[i].name;
+        json.BeginObject().Text("name", name.substr(0, name.find(',')));
+        WriteSpread(json, "probe_before_ns", probes);
+        json.BeginObject("variants");
+        WriteVariant(json, "library", subjects[i]);
+        WriteVariant(json, "bare", subjects[i + 1]);
+        json.EndObject().BeginObject("ratios").BeginObject("library/bare");
+        WriteSpread(json, "p50_us", Ratios(subjects[i].p50_us, subjects[i + 1].p50_us));
+        WriteSpread(json, "p99_us", Ratios(subjects[i].p99_us, subjects[i + 1].p99_us));
+        json.EndObject().EndObject().EndObject();
+    }
+    std::ofstream file(path);
+    file << json.EndArray().EndObject().Result() << '\n';
+    if (!file) throw std::runtime_error("cannot write " + path);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) try {
@@ -130,6 +171,7 @@ int main(int argc, char** argv) try {
             Measure(subject, options.requests);
     }
     Print(subjects, probes);
+    if (!options.json.empty()) WriteJson(options.json, subjects, probes);
     return 0;
 } catch (const std::exception& error) {
     std::fprintf(stderr, "round_trip: %s\n", error.what());

@@ -8,6 +8,7 @@ BUILD_PACKAGES=(
     libgtest-dev libgmock-dev libpng-dev libcli11-dev
 )
 TSAN_PACKAGES=("${BUILD_PACKAGES[@]}" clang libclang-rt-14-dev)
+FUZZ_PACKAGES=(g++ cmake ninja-build git clang libclang-rt-14-dev)
 RELEASE_PACKAGES=("${BUILD_PACKAGES[@]}" binutils libbenchmark-dev)
 COVERAGE_PACKAGES=("${BUILD_PACKAGES[@]}" gcovr)
 TIDY_PACKAGES=("${BUILD_PACKAGES[@]}" clang clang-tidy-14)

@@ -5,12 +5,20 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <vector>
 
 #include "script.h"
+#include "targets/control_dispatch.h"
+#include "targets/control_replies.h"
+#include "targets/firmware_file.h"
+#include "targets/firmware_readback.h"
 
 namespace {
 
+using kelo::fuzz::ControlRecord;
 using kelo::fuzz::ImageScript;
+using kelo::fuzz::ReadBackStep;
+using kelo::fuzz::ReplyRequest;
 using kelo::fuzz::ScriptOp;
 using kelo::fuzz::Wire;
 using kelo::test::ImagePacket;
@@ -257,6 +265,160 @@ void MakeTcpStreams(const std::filesystem::path& root) {
         .Add("nothing", input("", ""));
 }
 
+// ---- Control ----
+
+// One record of a datagram for the target control_dispatch.
+std::string Sent(uint32_t way, const std::string& bytes) {
+    return Wire()
+        .U8(static_cast<uint32_t>(ControlRecord::Datagram))
+        .U8(way)
+        .U16(static_cast<uint32_t>(bytes.size()))
+        .Text(bytes);
+}
+
+std::string Camera(uint32_t way, uint32_t address, uint32_t mac_end = 1) {
+    return Wire()
+        .U8(static_cast<uint32_t>(ControlRecord::Camera))
+        .U8(way)
+        .U8(address)
+        .U8(8)
+        .U8('c')
+        .U8(mac_end);
+}
+
+// A control datagram: header and body words.
+std::string Control(uint32_t command, uint32_t number, uint32_t status,
+                    const std::vector<uint32_t>& body) {
+    Wire wire;
+    wire.U8(0xAB).U8(0).U32(command).U32(number).U32(status);
+    for (const uint32_t word : body)
+        wire.U32(word);
+    return wire;
+}
+
+void MakeControlDispatch(const std::filesystem::path& root) {
+    using namespace kelo::fuzz::control_way;
+    constexpr uint32_t kFirst = kInDiscovery | 1;
+    constexpr uint32_t kSecond = kInDiscovery | kSecondNet | 2;
+    const std::string discover = Wire().U8(static_cast<uint32_t>(ControlRecord::Discover));
+    std::string many;
+    for (uint32_t i = 0; i < 12; ++i)
+        many += Camera(i % 2 == 0 ? kFirst : kSecond, 2 + i, i);
+    Corpus(root, "control_dispatch")
+        .Add("one-camera", Camera(kFirst, 2) + discover)
+        .Add("whole-replies", Sent(kFirst, DiscoveryReply(0xC0A80102, "Camera")) +
+                                  Sent(kSecond, DiscoveryReply(0x0A000002, "Other", 0xFF000000)) +
+                                  discover)
+        .Add("many-cameras", many + discover + many + discover)
+        .Add("heard-twice",
+             Camera(kInDiscovery, 2) + Camera(kFirst, 2) + Camera(kInDiscovery | 2, 2) + discover)
+        .Add("vanishes", Camera(kFirst, 2) + discover + Camera(kSecond, 3) + discover)
+        .Add("changes", Camera(kFirst, 2, 1) + discover + Camera(kFirst, 2, 2) + discover)
+        .Add("between-discoveries",
+             discover + Camera(1, 2) + Camera(3, 3) + Camera(0, 4) + discover)
+        .Add("replies-to-nobody",
+             Camera(kFirst, 2) + discover + Sent(1, Control(5, 1, 1, {8, 640})) +
+                 Sent(1, Control(9, 1, 1, {8, 200, 1, 2})) + Sent(5, Control(5, 9, 1, {8, 640})))
+        .Add("short-datagrams", Sent(kFirst, "") + Sent(kFirst, Control(2, 0, 1, {})) +
+                                    Sent(1, Control(5, 1, 1, {}) + "x") +
+                                    std::string("\x02\x21\x05\x08\x63\x01\x0F", 7) + discover);
+}
+
+void MakeControlReplies(const std::filesystem::path& root) {
+    // A request of that kind, and what arrives then.
+    const auto exchange = [](ReplyRequest request, uint32_t count,
+                             const std::vector<std::string>& replies, bool right_number = true) {
+        Wire wire;
+        wire.U8(static_cast<uint32_t>(request) | static_cast<uint32_t>(replies.size()) << 4);
+        wire.U32(321).U8(count);
+        for (const std::string& reply : replies) {
+            wire.U8(right_number ? 1 : 0).U16(static_cast<uint32_t>(reply.size())).Text(reply);
+        }
+        return std::string(wire);
+    };
+    std::vector<uint32_t> registers{1284, 128};
+    for (uint32_t i = 0; i < 128; ++i)
+        registers.push_back(i * 0x01020304);
+    const std::string value = Control(5, 0, 1, {1284, 1500});
+    using Request = ReplyRequest;
+    Corpus(root, "control_replies")
+        .Add("read-register", exchange(Request::ReadRegister, 0, {value}))
+        .Add("write-register", exchange(Request::WriteRegister, 7, {Control(7, 0, 1, {1284, 7})}))
+        .Add("read-memory", exchange(Request::ReadMemory, 128, {Control(9, 0, 1, registers)}))
+        .Add("write-memory", exchange(Request::WriteMemory, 128, {Control(11, 0, 1, {1284, 128})}))
+        .Add("too-much-memory", exchange(Request::WriteMemory, 129, {}))
+        .Add("refused", exchange(Request::ReadRegister, 0, {Control(5, 0, 3, {1284, 0})}) +
+                            exchange(Request::ReadMemory, 4, {Control(9, 0, 2, {1284, 500})}))
+        .Add("claims-too-many", exchange(Request::ReadMemory, 4, {Control(9, 0, 1, {1284, 129})}))
+        .Add("cut-off", exchange(Request::ReadMemory, 128,
+                                 {Control(9, 0, 1, registers).substr(0, 100), value}))
+        .Add("another-kind", exchange(Request::ReadMemory, 4, {Control(11, 0, 1, {1284, 500})}) +
+                                 exchange(Request::ReadRegister, 0, {Control(9, 0, 1, registers)}))
+        .Add("strangers-first", exchange(Request::ReadRegister, 0,
+                                         {Control(2, 0, 1, {}), Control(12, 0, 1, {1, 2}),
+                                          Control(4, 0, 1, {1284, 0}), "", value}))
+        .Add("old-numbers", exchange(Request::ReadRegister, 0, {value, value}, false));
+}
+
+// ---- Firmware ----
+
+void MakeFirmwareFiles(const std::filesystem::path& root) {
+    using namespace kelo::fuzz::firmware_flag;
+    const auto input = [](int payload_max, uint32_t emblem, uint32_t flags, size_t size,
+                          uint32_t change_before = 2) {
+        std::string content(size, '\0');
+        for (size_t i = 0; i < size; ++i)
+            content[i] = static_cast<char>(i * 7 + i / 256);
+        return std::string(
+            Wire()
+                .U16(static_cast<uint32_t>(payload_max - kelo::fuzz::kSmallestPayload))
+                .U32(emblem)
+                .U8(flags)
+                .U8(change_before)
+                .U16(70)
+                .U8(0x5A)
+                .Text(content));
+    };
+    Corpus(root, "firmware_file")
+        .Add("valid", input(512, 100, kSealed, 1500))
+        .Add("whole-payloads", input(68, 0, kSealed, 640))
+        .Add("emblem-at-the-end", input(512, 88, kSealed, 100))
+        .Add("emblem-behind-the-end", input(512, 89, kSealed, 100))
+        .Add("emblem-alone", input(512, 0, kSealed, 12))
+        .Add("emblem-on-the-boundary", input(512, 0xFFFFF, kSealed, 100))
+        .Add("broken-seal", input(512, 10, kSealed | kBrokenSeal, 100))
+        .Add("no-emblem", input(512, 10, 0, 100))
+        .Add("empty", input(512, 0, kSealed, 0))
+        .Add("changed-while-sent", input(20, 10, kSealed | kChanged, 3000))
+        .Add("cut-while-sent", input(2000, 10, kSealed | kTruncated, 9000))
+        .Add("small-payload", input(7, 10, kSealed, 100))
+        .Add("payload-without-data", input(4, 10, kSealed, 100))
+        .Add("no-payload", input(-1, 10, kSealed, 100))
+        .Add("payload-too-large", input(2001, 10, kSealed, 100));
+}
+
+void MakeFirmwareReadBack(const std::filesystem::path& root) {
+    using Step = ReadBackStep;
+    const auto step = [](Step kind) { return Wire().U8(static_cast<uint32_t>(kind)); };
+    const std::string right = step(Step::Right).U16(500);
+    // Up to 16 bytes before the emblem.
+    const std::string jump = step(Step::Jump).U8(0x40).U16(0xFFE0);
+    Corpus(root, "firmware_readback")
+        .Add("right", right + right + right)
+        .Add("wrong", right + std::string(step(Step::Wrong).U16(500).U16(17).U8(1)))
+        .Add("over-the-emblem", jump + right)
+        .Add("from-the-emblem", std::string(step(Step::Jump).U8(0x40).U16(0xFFF0)) + right)
+        .Add("into-the-emblem", jump + std::string(step(Step::Right).U16(20)) + right)
+        .Add("wrong-in-the-emblem", jump + std::string(step(Step::Wrong).U16(40).U16(20).U8(1)))
+        .Add("to-the-end", jump + std::string(step(Step::Right).U16(328)) + right)
+        .Add("stale", right + std::string(step(Step::Stale).U16(99).U8(50)) + right)
+        .Add("ahead", right + std::string(step(Step::Ahead).U16(99).U8(50)))
+        .Add("no-read-back", step(Step::Ahead).U16(99).U8(50))
+        .Add("lying", std::string(step(Step::Lying).U32(0xFFFFFFFF).U8(9)) + right)
+        .Add("too-short", step(Step::Raw).U8(7).Text("1234567"))
+        .Add("payloads", step(Step::Payload).U8(7).U8(7).U8(7));
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -265,8 +427,10 @@ int main(int argc, char** argv) {
         return 2;
     }
     try {
-        for (const auto make : {MakeOptions, MakeChecksums, MakeRunLength, MakeIdentities,
-                                MakeImageScripts, MakeImageDatagrams, MakeTcpStreams}) {
+        for (const auto make :
+             {MakeOptions, MakeChecksums, MakeRunLength, MakeIdentities, MakeImageScripts,
+              MakeImageDatagrams, MakeTcpStreams, MakeControlDispatch, MakeControlReplies,
+              MakeFirmwareFiles, MakeFirmwareReadBack}) {
             make(argv[1]);
         }
     } catch (const std::exception& exception) {

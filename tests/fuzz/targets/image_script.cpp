@@ -30,8 +30,8 @@ constexpr uint8_t kFormat = 0x24;
 constexpr uint8_t kHeaderFormat = 5;
 constexpr uint32_t kHeaderSize = 300;  // only the low 8 bits are told
 // The model is slow: so many datagrams, and packets of images, it can do.
-constexpr size_t kDatagramsMax = 6000;
-constexpr size_t kPositionsMax = 200000;
+constexpr size_t kDatagramsMax = 2000;
+constexpr size_t kPositionsMax = 70000;
 
 // One stream: what its camera is about to send, and what the library should make of it.
 struct Stream {
@@ -287,7 +287,7 @@ private:
         // The application may write into it; the memory comes back for another image.
         std::memset(imageData(*image), '#', image->bufferLength);
         Require(front_.PopImage(stream.ip, stream.number, image), "the image can be popped");
-        stream.model->finished.erase(stream.model->finished.begin());
+        stream.model->finished.pop_front();
         return true;
     }
 

@@ -38,6 +38,7 @@ public:
         first_packet_sets_window_ = true;
         image_ = packet_ = 0;
         arrivals_ = 0;
+        waiting_ = 0;
     }
 
     void Receive(const ImagePacket& p) {
@@ -62,11 +63,7 @@ public:
 
     // Without any image to come, or with several of them, nobody can tell what completes one.
     uint32_t PacketsToCome() const {
-        if (images_.size() != 1) return 0;
-        const auto end =
-            window_.begin() + std::min<uint32_t>(images_.front().count - packet_, 2048);
-        const auto arrived = static_cast<uint32_t>(std::count(window_.begin(), end, true));
-        return images_.front().count - packet_ - arrived;
+        return images_.size() == 1 ? images_.front().count - packet_ - waiting_ : 0;
     }
 
     bool IsIdle() const { return images_.empty(); }
@@ -74,7 +71,7 @@ public:
     // Whether an image began since the last call.
     bool TakeBegun() { return std::exchange(begun_, false); }
 
-    std::vector<Image> finished;
+    std::deque<Image> finished;
     std::vector<std::string> log;
 
 private:
@@ -119,6 +116,7 @@ private:
             return Step3(p);
         }
         Place(p, image, length);
+        if (!window_[distance]) ++waiting_;
         window_[distance] = true;
         ++arrivals_;
         while (!images_.empty() && (window_[0] || arrivals_ > 409))
@@ -153,6 +151,7 @@ private:
         too_new_ = 0;
         Image& image = images_.front();
         if (received) {
+            --waiting_;
             --arrivals_;
         } else {
             counters_.missingPackets += 1;
@@ -202,6 +201,7 @@ private:
     uint32_t image_ = 0;
     uint32_t packet_ = 0;
     int arrivals_ = 0;
+    uint32_t waiting_ = 0;  // entries of the window that are set
     uint32_t too_new_ = 0;
     StreamStatistics counters_{};
 };

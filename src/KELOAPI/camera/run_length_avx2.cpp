@@ -13,6 +13,7 @@ namespace {
 struct Avx2 {
     using Bytes = __m256i;
     static constexpr size_t kWidth = sizeof(Bytes);
+    static constexpr size_t kFillMax = 4096;
 
     static Bytes Load(const void* from) {
         return _mm256_loadu_si256(static_cast<const Bytes*>(from));
@@ -22,9 +23,10 @@ struct Avx2 {
     }
     static Bytes Fill(uint8_t value) { return _mm256_set1_epi8(static_cast<char>(value)); }
     static unsigned Specials(Bytes bytes) {
-        const Bytes raised = _mm256_add_epi8(bytes, _mm256_set1_epi8(1));
-        const Bytes low = _mm256_min_epu8(raised, _mm256_set1_epi8(3));
-        return static_cast<unsigned>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(low, raised)));
+        // Adding 0x81 makes them the four lowest of all signed bytes.
+        const Bytes moved = _mm256_add_epi8(bytes, _mm256_set1_epi8(-127));
+        const Bytes specials = _mm256_cmpgt_epi8(_mm256_set1_epi8(-124), moved);
+        return static_cast<unsigned>(_mm256_movemask_epi8(specials));
     }
 };
 

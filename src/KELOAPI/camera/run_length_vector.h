@@ -17,8 +17,8 @@
 //    for are moved to its end, and the bytes that they spill over are put back afterwards.
 namespace {
 
-// Vector: kWidth, Bytes; Load, Store, Fill(all bytes 0 or 0xFF), Specials(bit mask of the bytes
-// that are no literals).
+// Vector: kWidth, kFillMax (the longest run that is not left to memset), Bytes; Load, Store,
+// Fill(all bytes 0 or 0xFF), Specials(bit mask of the bytes that are no literals).
 template <typename Vector>
 class RunLengthVectorDecoder {
 public:
@@ -98,13 +98,13 @@ private:
         input_ = token + 3 - (value & 1u);
         output_ += produced;
         uint8_t* const run = begin + literals;
+        const Bytes fill = Vector::Fill(value);
         if (length > kShortRunMax) {
             // Longer than what the row's store spills over.
             if constexpr (kBehindLiterals) Vector::Store(begin, row);
-            __builtin_memset(run, value, length);
+            FillLong(run, fill, value, length);
             return true;
         }
-        const Bytes fill = Vector::Fill(value);
         const Bytes behind = Vector::Load(run + length);
         if constexpr (kBehindLiterals) Vector::Store(begin, row);
         for (size_t offset = 0; offset < kShortRunMax; offset += kWidth) {
@@ -112,6 +112,24 @@ private:
         }
         Vector::Store(run + length, behind);
         return true;
+    }
+
+    static void FillLong(uint8_t* run, Bytes fill, uint8_t value, size_t length) {
+        if (length > Vector::kFillMax) {
+            __builtin_memset(run, value, length);
+            return;
+        }
+        uint8_t* const last_block = run + length - kShortRunMax;
+        while (run < last_block) {
+            FillBlock(run, fill);
+            run += kShortRunMax;
+        }
+        FillBlock(last_block, fill);
+    }
+
+    static void FillBlock(uint8_t* block, Bytes fill) {
+        for (size_t offset = 0; offset < kShortRunMax; offset += kWidth)
+            Vector::Store(block + offset, fill);
     }
 
     RunLengthCursor& at_;

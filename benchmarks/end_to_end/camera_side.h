@@ -8,11 +8,10 @@
 
 namespace kelo::bench {
 
-// The port of the cameras' TCP streams; they listen before the process of the cameras is forked, so
-// that their registers can tell it.
 class TcpSender;
 
-// Carries out orders to send, in the process of the cameras.
+// Carries out orders to send, in the process of the cameras. tcp may be null where no order is for
+// TCP; it listens before that process is forked, so that the cameras' registers can tell its port.
 OrderHandler MakeCameraSide(BenchCamera& cameras, std::shared_ptr<TcpSender> tcp);
 
 }  // namespace kelo::bench

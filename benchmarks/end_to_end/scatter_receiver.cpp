@@ -43,6 +43,7 @@ private:
     void Accept(size_t i);
     void ReadOut(size_t i, std::vector<std::byte>& bytes) const;
     void PlaceAnew(size_t count);
+    void Learn(size_t count);
 
     const size_t datagram_;
     const size_t payload_;
@@ -51,7 +52,7 @@ private:
     std::vector<Message> messages_;
     std::vector<mmsghdr> calls_;
     Position next_{};
-    size_t per_message_;  // datagrams of the last message
+    size_t per_message_;  // datagrams that messages lately have had
 };
 
 ScatterReceiver::ScatterReceiver(const ReceiverSetup& setup)
@@ -151,6 +152,15 @@ void ScatterReceiver::PlaceAnew(size_t count) {
     }
 }
 
+// An image's last message says nothing: it is as long as what was left.
+void ScatterReceiver::Learn(size_t count) {
+    if (count == 1 && next_.packet == 0) return;
+    size_t most = 1;
+    for (size_t i = 0; i < count; ++i)
+        most = std::max(most, Datagrams(i));
+    per_message_ = std::min(most, places_max_);
+}
+
 bool ScatterReceiver::Receive() {
     Expect();
     const int received = recvmmsg(socket_.Get(), calls_.data(), MESSAGES, MSG_WAITFORONE, nullptr);
@@ -162,8 +172,8 @@ bool ScatterReceiver::Receive() {
     } else {
         PlaceAnew(count);
     }
-    per_message_ = std::clamp<size_t>(Datagrams(0), 1, places_max_);
     next_ = frames_.Next();
+    Learn(count);
     return true;
 }
 

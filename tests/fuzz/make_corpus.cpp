@@ -166,6 +166,12 @@ void MakeImageScripts(const std::filesystem::path& root) {
                                .Do8(Op::Send, 20))
         .Add("last-packet-first",
              Stream().Do16(Op::Seek, 3).Do8(Op::Send, 0).Do8(Op::SkipImages, 0xFF).Do8(Op::Send, 2))
+        .Add("last-packet-moved-out", Stream()
+                                          .Shape(4, 255, 0)
+                                          .Do16(Op::Seek, 3)
+                                          .Do8(Op::Send, 0)
+                                          .Do8(Op::SkipImages, 0xFF)
+                                          .Do8(Op::Send, 3))
         .Add("single-packets", Stream(1).Do8(Op::BatchSize, 31).Do8(Op::Send, 100))
         .Add("wrapping-numbers",
              Stream().Image(0xFFFFFFFE).Do8(Op::Send, 20).Image(1).Do8(Op::Send, 9))
@@ -231,6 +237,8 @@ void MakeImageDatagrams(const std::filesystem::path& root) {
     Corpus(root, "image_datagrams")
         .Add("in-order", first + in_order)
         .Add("with-a-gap", first + with_a_gap)
+        .Add("last-packet-moved-out",
+             first + Datagram(0, packet(1, 15, 16).substr(0, 15)) + Datagram(0, packet(1, 0, 16)))
         .Add("restart", first + Datagram(0x10, packet(1, 0, 3)) + in_order)
         .Add("without-frame", Wire().U8(5).Text(in_order))
         .Add("hostile-counts", first + Datagram(0, packet(1, 0, 65535)) +

@@ -34,9 +34,11 @@ uint32_t Word(std::span<const uint8_t> bytes, size_t offset) {
     return word;
 }
 
-void SetWord(Bytes& bytes, size_t offset, uint32_t word) {
+// As far as the bytes reach.
+void SetWord(Bytes& bytes, uint64_t offset, uint32_t word) {
     for (size_t i = 0; i < 4; ++i)
-        bytes[offset + i] = static_cast<uint8_t>(word >> (24 - 8 * i));
+        if (offset + i < bytes.size())
+            bytes[offset + i] = static_cast<uint8_t>(word >> (24 - 8 * i));
 }
 
 uint32_t MaskedCrc(const Bytes& content, size_t emblem) {
@@ -86,12 +88,13 @@ Case ReadCase(Input input) {
               .content = {}};
     made.content.assign(input.Rest().begin(), input.Rest().end());
     if (!made.Has(firmware_flag::kSealed)) return made;
-    if (uint64_t{made.emblem} + kEmblemSize > made.content.size()) return made;
-    SetWord(made.content, made.emblem, 0x9AE4601F);
-    SetWord(made.content, made.emblem + 4, static_cast<uint32_t>(made.content.size()));
-    SetWord(made.content, made.emblem + 8, MaskedCrc(made.content, made.emblem));
-    if (made.Has(firmware_flag::kBrokenSeal))
-        made.content[made.emblem + made.change_to % kEmblemSize] ^= made.change_to;
+    const uint64_t emblem = made.emblem;
+    SetWord(made.content, emblem, 0x9AE4601F);
+    SetWord(made.content, emblem + 4, static_cast<uint32_t>(made.content.size()));
+    SetWord(made.content, emblem + 8, MaskedCrc(made.content, emblem));
+    const uint64_t broken = emblem + made.change_to % kEmblemSize;
+    if (made.Has(firmware_flag::kBrokenSeal) && broken < made.content.size())
+        made.content[broken] ^= made.change_to;
     return made;
 }
 

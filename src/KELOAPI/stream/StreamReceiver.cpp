@@ -41,7 +41,10 @@ void StreamReceiver::OnRcvBatch(std::span<const TDatagram> datagrams) {
 
 void StreamReceiver::OnRcvLocked(std::span<const TDatagram> datagrams) {
     bool received = false;
-    for (const TDatagram& datagram : datagrams) {
+    for (size_t i = 0; i < datagrams.size(); ++i) {
+        const TDatagram& datagram = datagrams[i];
+        // Where a payload goes is not known before its header is read, so the copy would wait.
+        if (i + 1 < datagrams.size()) __builtin_prefetch(datagrams[i + 1].data);
         if (datagram.length <= static_cast<int>(sizeof(THeaderImage))) continue;
         if (!std::exchange(received, true)) packet_received_flag = true;
         receive(parse(datagram.data, datagram.length));

@@ -28,6 +28,19 @@ constexpr int kPacketSizeTries = 2;
 constexpr int kPacketSizeRetryPauseMs = 100;
 // Ethernet, and what common cards call jumbo frames; in the order of the test.
 constexpr std::array<uint32_t, 4> kPacketSizes = {1500, 4074, 8500, 9000};
+// Whoever sends without end must not keep a session from being opened.
+constexpr int kTestDatagramsMax = 16;
+
+// Whether the socket, which does not block, holds a datagram of that many bytes. Others are left
+// over from requests that were sent more than once: the camera answers each of them.
+bool HoldsDatagramOf(ssize_t bytes, UDPSocket& u, std::vector<uint8_t>& buffer) {
+    for (int i = 0; i < kTestDatagramsMax; ++i) {
+        const ssize_t received = u.receive(buffer.data(), buffer.size(), nullptr, nullptr);
+        if (received == bytes) return true;
+        if (received < 0) return false;
+    }
+    return false;
+}
 
 }  // namespace
 
@@ -183,9 +196,7 @@ bool KELOCamera::TestMTU(UDPSocket& u, std::vector<uint8_t>& buffer, uint32_t mt
         // The camera sends the datagram before it answers this write, so it is here by then.
         uint32_t request = uint32_t{u.getPort()} << 16 | mtu;
         if (setRegisterValue(REG_MTU, request) != KELO_STATUS_SUCCESS) return false;
-        if (u.receive(buffer.data(), buffer.size(), nullptr, nullptr) == udp_payload_size) {
-            return true;
-        }
+        if (HoldsDatagramOf(udp_payload_size, u, buffer)) return true;
     }
     return false;
 }

@@ -47,7 +47,12 @@ void StreamReceiver::OnRcvLocked(std::span<const TDatagram> datagrams) {
         if (i + 1 < datagrams.size()) __builtin_prefetch(datagrams[i + 1].data);
         if (datagram.length <= static_cast<int>(sizeof(THeaderImage))) continue;
         if (!std::exchange(received, true)) packet_received_flag = true;
-        receive(parse(datagram.data, datagram.length));
+        const Packet packet = parse(datagram);
+        if (isNext(packet)) {
+            takeNext(packet);
+        } else {
+            receive(packet);
+        }
     }
 }
 
@@ -63,24 +68,18 @@ TOutlook StreamReceiver::takeOutlook() {
     return outlook;
 }
 
-StreamReceiver::Packet StreamReceiver::parse(const void* data, int size) {
-    const auto header = kelo::CopyRecord<THeaderImage>(data, sizeof(THeaderImage));
+StreamReceiver::Packet StreamReceiver::parse(const TDatagram& datagram) {
+    const auto header = kelo::CopyRecord<THeaderImage>(datagram.data, sizeof(THeaderImage));
     return {
         .image_number = kelo_ntohl(header.NL_image_number),
         .number = kelo_ntohs(header.NS_current_packet),
-        .count = kelo_ntohs(header.NS_all_packets),
-        .width = kelo_ntohs(header.NS_image_width),
-        .height = kelo_ntohs(header.NS_image_height),
-        .payload = static_cast<const unsigned char*>(data) + sizeof(THeaderImage),
-        .payload_length = static_cast<uint32_t>(size) - uint32_t{sizeof(THeaderImage)},
+        .payload_length = static_cast<uint32_t>(datagram.length) - uint32_t{sizeof(header)},
+        .payload = static_cast<const unsigned char*>(datagram.data) + sizeof(header),
+        .header = header,
     };
 }
 
 void StreamReceiver::receive(const Packet& packet) {
-    if (isNext(packet)) {
-        takeNext(packet);
-        return;
-    }
     while (true) {
         std::optional<Place> place = find(packet.image_number);
         if (!place) place = begin(packet);
@@ -133,7 +132,7 @@ std::optional<StreamReceiver::Place> StreamReceiver::find(uint32_t image_number)
 // Puts the packet's image behind the others under reception.
 std::optional<StreamReceiver::Place> StreamReceiver::begin(const Packet& packet) {
     // An image without packets has no position in the window: it could never be completed.
-    if (packet.count == 0) {
+    if (packet.count() == 0) {
         isPacketNumberValid(packet, 0);
         return std::nullopt;
     }
@@ -149,7 +148,7 @@ std::optional<StreamReceiver::Place> StreamReceiver::begin(const Packet& packet)
         return std::nullopt;
     }
     image.buffer = reinterpret_cast<uintptr_t>(data);
-    const bool is_length_correct = packet.number != packet.count - 1 && packet.count != 1;
+    const bool is_length_correct = packet.number != packet.count() - 1 && packet.count() != 1;
     // Where the packets belong is not known yet: they may be moved, and leave traces.
     if (!is_length_correct) clearImage(image, 0, image.bufferLength);
     const ReceivingBufferMetadata metadata{.payloadLength = packet.payload_length,
@@ -178,9 +177,9 @@ void StreamReceiver::initializeBufferInfo(BufferInfo& image, const Packet& packe
     image.streamFormat = streamFormat;
     image.headerType = headerFormat;
     image.headerSize = static_cast<uint8_t>(headerSize);
-    image.imageWidth = packet.width;
-    image.imageHeight = packet.height;
-    image.allPacketsAmount = packet.count;
+    image.imageWidth = packet.width();
+    image.imageHeight = packet.height();
+    image.allPacketsAmount = packet.count();
     image.imageNumber = packet.image_number;
     image.bufferLength = maxFrameSize;
 }
@@ -237,10 +236,26 @@ bool StreamReceiver::recover(uint32_t distance) {
 // out of its place.
 void StreamReceiver::placePayload(const Packet& packet, const Place& place) {
     auto& [image, metadata] = receiving_buffers[place.index];
+    if (packet.payload_length != metadata.payloadLength || !metadata.payloadLengthCorrect ||
+        packet.number == image.allPacketsAmount - 1u) {
+        makeRoomForOddPacket(packet, place);
+    }
+    const uint64_t offset = uint64_t{metadata.payloadLength} * packet.number;
+    const uint64_t length = image.bufferLength;
+    if (offset < length) {
+        std::memcpy(imageData(image) + offset, packet.payload,
+                    std::min(uint64_t{packet.payload_length}, length - offset));
+    }
+    streamStatistics.bytesReceived += packet.payload_length;
+    image.bufferStatistics.bytesReceived += packet.payload_length;
+}
+
+// For any packet but one in the middle of its image that is as long as the others.
+void StreamReceiver::makeRoomForOddPacket(const Packet& packet, const Place& place) {
+    auto& [image, metadata] = receiving_buffers[place.index];
     const uint64_t length = image.bufferLength;
     const uint64_t last = image.allPacketsAmount - 1u;
     const bool is_last = packet.number == last;
-    unsigned char* data = imageData(image);
     if (!metadata.payloadLengthCorrect && !is_last) {
         // Only the last packet has come so far, and was placed as if all were of its length.
         const uint64_t from = last * metadata.payloadLength;
@@ -248,7 +263,7 @@ void StreamReceiver::placePayload(const Packet& packet, const Place& place) {
         if (from < length && to < length) {
             const uint64_t bytes =
                 std::min({uint64_t{metadata.payloadLength}, length - from, length - to});
-            std::memmove(data + to, data + from, bytes);
+            std::memmove(imageData(image) + to, imageData(image) + from, bytes);
         }
         metadata.payloadLength = packet.payload_length;
         metadata.payloadLengthCorrect = true;
@@ -256,14 +271,7 @@ void StreamReceiver::placePayload(const Packet& packet, const Place& place) {
     const bool fits_its_place = is_last ? packet.payload_length <= metadata.payloadLength
                                         : packet.payload_length == metadata.payloadLength;
     if (!metadata.cleared && !fits_its_place) clearUncovered(place);
-    const uint64_t offset = uint64_t{metadata.payloadLength} * packet.number;
-    if (offset < length) {
-        std::memcpy(data + offset, packet.payload,
-                    std::min(uint64_t{packet.payload_length}, length - offset));
-    }
     if (is_last) metadata.lastLength = std::max(metadata.lastLength, packet.payload_length);
-    streamStatistics.bytesReceived += packet.payload_length;
-    image.bufferStatistics.bytesReceived += packet.payload_length;
 }
 
 // A packet that is shorter or longer than its place has come: from here on the image is treated as
@@ -302,11 +310,6 @@ void StreamReceiver::advance() {
     while (!receiving_buffers.empty() && (slidingWindow[slidingWindowPosition] || tooManyWait())) {
         consume(kAllPositions, Completion::ByPackets);
     }
-}
-
-bool StreamReceiver::tooManyWait() const {
-    return static_cast<double>(slidingWindowSize) * missingPacketsSlidingWindowFillThreshold <
-           slidingWindowNumberOfPackets;
 }
 
 void StreamReceiver::finishTransfersIfNeeded() {

@@ -12,6 +12,7 @@
 #include "FinishedImageQueue.h"
 #include "TPacketCommunicator.h"
 #include "img_common.h"
+#include "utils.h"
 
 // Puts the datagrams of one camera's stream together into whole images.
 //
@@ -77,15 +78,18 @@ private:
     };
     using ReceivingBuffer = std::pair<BufferInfo, ReceivingBufferMetadata>;
 
-    // A datagram with its header in host order.
+    // A datagram with its header in host order: what every packet is asked for, and the header
+    // for what only an image's first one is.
     struct Packet {
         uint32_t image_number;
         uint16_t number;
-        uint16_t count;
-        uint16_t width;
-        uint16_t height;
-        const unsigned char* payload;
         uint32_t payload_length;
+        const unsigned char* payload;
+        THeaderImage header;
+
+        uint16_t count() const { return kelo_ntohs(header.NS_all_packets); }
+        uint16_t width() const { return kelo_ntohs(header.NS_image_width); }
+        uint16_t height() const { return kelo_ntohs(header.NS_image_height); }
     };
 
     // An image under reception and how many positions the images before it take up.
@@ -103,7 +107,7 @@ private:
     static constexpr size_t kReceivingImagesMax = 512;
     static constexpr uint32_t kAllPositions = UINT32_MAX;
 
-    static Packet parse(const void* data, int size);
+    static Packet parse(const TDatagram& datagram);
 
     void receive(const Packet& packet);
     bool isNext(const Packet& packet) const;
@@ -116,11 +120,12 @@ private:
     bool isPacketNumberValid(const Packet& packet, uint16_t all_packets) const;
     bool recover(uint32_t distance);
     void placePayload(const Packet& packet, const Place& place);
+    void makeRoomForOddPacket(const Packet& packet, const Place& place);
     void clearUncovered(const Place& place);
     bool isCovered(const Place& place, uint32_t number) const;
     void record(uint32_t distance);
     void advance();
-    bool tooManyWait() const;
+    bool tooManyWait() const { return slidingWindowNumberOfPackets > waitingPacketsMax; }
     uint32_t consume(uint32_t positions_max, Completion how);
     void writeOff(uint32_t packets);
     void completeFront(Completion how);
@@ -129,6 +134,9 @@ private:
     const size_t slidingWindowSize = 2048;
     const double missingPacketsSlidingWindowFillThreshold = 0.2;
     const int tooNewPacketsSlidingWindowFillThresholdCount = 5;
+    // The most arrivals that wait behind a gap without its being written off.
+    const int waitingPacketsMax = static_cast<int>(static_cast<double>(slidingWindowSize) *
+                                                   missingPacketsSlidingWindowFillThreshold);
 
     // Guarded by onrcv_mutex.
     std::vector<ReceivingBuffer> receiving_buffers;  // in the order of their first packets

@@ -77,9 +77,13 @@ bool connectTcpSocket(const FileDescriptor& socket, uint32_t ip, uint16_t port, 
     if (errno != EINPROGRESS && errno != EINTR) return false;
 
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(limit_ms);
-    while (is_wanted() && std::chrono::steady_clock::now() < deadline) {
+    // The socket is looked at once more behind the deadline: a thread that was held up must not
+    // throw a connection away that stands.
+    bool is_late = false;
+    while (is_wanted() && !is_late) {
+        is_late = std::chrono::steady_clock::now() >= deadline;
         pollfd waited{socket.Get(), POLLOUT, 0};
-        const int ready = poll(&waited, 1, std::min(limit_ms, kWantedCheckMs));
+        const int ready = poll(&waited, 1, is_late ? 0 : std::min(limit_ms, kWantedCheckMs));
         if (ready > 0) return isConnected(socket.Get());
         if (ready < 0 && errno != EINTR) return false;
     }

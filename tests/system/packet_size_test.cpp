@@ -45,18 +45,6 @@ INSTANTIATE_TEST_SUITE_P(Loopback, PathSize,
                          testing::Values(Path{1000, 0}, Path{1500, 1500}, Path{4074, 4074},
                                          Path{8499, 4074}, Path{8500, 8500}, Path{9000, 9000}));
 
-// Each request that was made again leaves a test datagram of its size behind.
-TEST_F(SystemTest, PacketSizeIsNotMisjudgedWhenRequestsAreMadeAgain) {
-    kelosim::Camera& camera = StartOne();
-    // Three for the question what the packet size is, and two for the first test.
-    camera.UpdateFaults([](kelosim::Faults& faults) {
-        faults.drop_replies = 5;
-        faults.drop_replies_register = REG_MTU;
-    });
-    Open(Find(camera));
-    EXPECT_EQ(camera.GetRegister(REG_MTU), 9000u);
-}
-
 // The camera at the far end of a cable. Made before the library, which starts threads: a process
 // with threads should not fork.
 class FarEnd : public testing::WithParamInterface<Path> {

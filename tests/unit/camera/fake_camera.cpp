@@ -130,7 +130,9 @@ void FakeCamera::SendTestDatagram(uint32_t value) const {
     if (size > largest_packet) return;
     UDPSocket socket(0x7F000001, 0);
     const Bytes payload(size - 28);
-    socket.sendto(payload.data(), payload.size(), 0x7F000001, static_cast<uint16_t>(value >> 16));
+    const auto port = static_cast<uint16_t>(value >> 16);
+    for (int i = 0; i < test_datagrams; ++i)
+        socket.sendto(payload.data(), payload.size(), 0x7F000001, port);
 }
 
 void FakeCamera::Deliver(const Bytes& reply) const {

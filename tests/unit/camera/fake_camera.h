@@ -50,6 +50,7 @@ public:
     std::atomic<int> requests_to_ignore{0};
     std::atomic<bool> silent{false};
     uint32_t largest_packet = 9000;  // of the packet-size test
+    int test_datagrams = 1;          // for each request
     std::optional<uint32_t> memory_count_lie;
     std::function<void(const SeenRequest&)> on_request;
 

@@ -80,6 +80,14 @@ TEST_F(Session, APacketSizeIsTriedTwiceAndTheLadderStopsAtTheFirstThatFails) {
     EXPECT_THAT(sizes, ElementsAre(1500, 4074, 4074, 1500));
 }
 
+// A camera answers each request that had to be made again. What is left over of the smaller sizes
+// must not be taken for the answer to the next.
+TEST_F(Session, APacketSizeIsNotMisjudgedForDatagramsThatAreLeftOver) {
+    fake.test_datagrams = 4;
+    EXPECT_EQ(camera.Open(nullptr, false), KELO_STATUS_SUCCESS);
+    EXPECT_EQ(fake.Register(REG_MTU), 9000u);
+}
+
 TEST_F(Session, ARefusedPacketSizeRequestIsNotTriedAgain) {
     fake.statuses[REG_MTU] = {1, 2};  // the first read; the write for 1500
     EXPECT_EQ(camera.Open(nullptr, false), KELO_STATUS_SUCCESS);

@@ -309,6 +309,16 @@ void MakeControlDispatch(const std::filesystem::path& root) {
     constexpr uint32_t kFirst = kInDiscovery | 1;
     constexpr uint32_t kSecond = kInDiscovery | kSecondNet | 2;
     const std::string discover = Wire().U8(static_cast<uint32_t>(ControlRecord::Discover));
+    const auto request = [](uint32_t which, const std::string& answer = "") {
+        return std::string(Wire()
+                               .U8(static_cast<uint32_t>(ControlRecord::Request))
+                               .U8(which)
+                               .U8(answer.empty() ? 0 : 1)
+                               .Text(answer));
+    };
+    const auto answer = [](uint32_t flags, uint32_t command, uint32_t status) {
+        return std::string(Wire().U8(flags).U8(command).U8(status).U32(100));
+    };
     std::string many;
     for (uint32_t i = 0; i < 12; ++i)
         many += Camera(i % 2 == 0 ? kFirst : kSecond, 2 + i, i);
@@ -327,6 +337,13 @@ void MakeControlDispatch(const std::filesystem::path& root) {
         .Add("replies-to-nobody",
              Camera(kFirst, 2) + discover + Sent(1, Control(5, 1, 1, {8, 640})) +
                  Sent(1, Control(9, 1, 1, {8, 200, 1, 2})) + Sent(5, Control(5, 9, 1, {8, 640})))
+        .Add("requests", Camera(kFirst, 2) + Camera(kSecond, 3) + discover + request(0) +
+                             request(1, answer(0, 5, 3)) + request(0, answer(1, 5, 1)) +
+                             request(0, answer(2, 5, 1)) + request(0, answer(0, 9, 1)) +
+                             request(1, answer(0, 11, 1)) + request(1, answer(0, 12, 1)) +
+                             request(0, answer(0, 2, 1)) + request(0, answer(0, 7, 2)))
+        .Add("request-without-a-way",
+             Camera(kFirst | 3, 2) + Camera(3, 3) + discover + request(0) + request(1))
         .Add("short-datagrams", Sent(kFirst, "") + Sent(kFirst, Control(2, 0, 1, {})) +
                                     Sent(1, Control(5, 1, 1, {}) + "x") +
                                     std::string("\x02\x21\x05\x08\x63\x01\x0F", 7) + discover);

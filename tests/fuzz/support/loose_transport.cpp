@@ -14,8 +14,8 @@ std::map<uint32_t, TPacketCommunicator*>& Transports() {
     return transports;
 }
 
-std::function<void(const TPacketCommunicator&)>& SendCall() {
-    static auto& call = *new std::function<void(const TPacketCommunicator&)>;
+std::function<void(std::span<const uint8_t>)>& SendCall() {
+    static auto& call = *new std::function<void(std::span<const uint8_t>)>;
     return call;
 }
 
@@ -26,7 +26,7 @@ TPacketCommunicator* kelo::fuzz::FindTransport(uint32_t ip) {
     return found == Transports().end() ? nullptr : found->second;
 }
 
-void kelo::fuzz::OnSend(std::function<void(const TPacketCommunicator&)> call) {
+void kelo::fuzz::OnSend(std::function<void(std::span<const uint8_t>)> call) {
     SendCall() = std::move(call);
 }
 
@@ -65,8 +65,9 @@ void TPacketCommunicatorUDPSocket::StartRxThread() {
 
 void TPacketCommunicatorUDPSocket::StopRxThread() {}
 
-ssize_t TPacketCommunicatorUDPSocket::Send(uint32_t, int, const void*, int length) {
-    if (SendCall()) SendCall()(*this);
+ssize_t TPacketCommunicatorUDPSocket::Send(uint32_t, int, const void* data, int length) {
+    const std::span bytes(static_cast<const uint8_t*>(data), static_cast<size_t>(length));
+    if (SendCall()) SendCall()(bytes);
     return length;
 }
 

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <span>
 
 #include "TPacketCommunicatorUDPSocket.h"
 
@@ -15,6 +16,6 @@ inline constexpr uint32_t kInterfaceMasks[] = {0xFFFFFF00, 0xFF000000};
 TPacketCommunicator* FindTransport(uint32_t ip);
 
 // Called for every datagram that the library sends.
-void OnSend(std::function<void(const TPacketCommunicator& through)> call);
+void OnSend(std::function<void(std::span<const uint8_t> datagram)> call);
 
 }  // namespace kelo::fuzz

@@ -1,9 +1,12 @@
-// Control datagrams and discovery replies from anywhere at the manager, with discoveries between
-// them, against a simple model of who is registered. The records are in control_dispatch.h.
+// Control datagrams and discovery replies from anywhere at the manager, with discoveries and
+// requests between them, against a simple model of who is registered. The records are in
+// control_dispatch.h.
 
 #include "control_dispatch.h"
 
+#include <iterator>
 #include <map>
+#include <optional>
 #include <set>
 #include <vector>
 
@@ -22,6 +25,7 @@ using kelo::fuzz::kInterfaceMasks;
 using kelo::fuzz::kInterfaces;
 using kelo::fuzz::Require;
 using kelo::fuzz::RequireEqual;
+namespace answer_flag = kelo::fuzz::answer_flag;
 namespace control_way = kelo::fuzz::control_way;
 
 namespace {
@@ -33,6 +37,9 @@ constexpr size_t kCamerasMax = 1024;
 // Each camera has a thread: what a target can do without being slow.
 constexpr int kDiscoveriesMax = 6;
 constexpr size_t kRecordsMax = 400;
+constexpr int kAnswersMax = 8;
+constexpr uint32_t kRegister = 321;
+constexpr uint32_t kUntouched = 0xEEEEEEEE;
 
 struct Arrival {
     uint32_t transport;
@@ -99,7 +106,7 @@ private:
 class Player {
 public:
     Player(KELOManager& manager, Input input) : manager_(manager), input_(input) {
-        kelo::fuzz::OnSend([this](const TPacketCommunicator&) { OnBroadcast(); });
+        kelo::fuzz::OnSend([this](std::span<const uint8_t> sent) { OnSend(sent); });
         model_.EndDiscovery();
     }
     ~Player() { kelo::fuzz::OnSend(nullptr); }
@@ -117,11 +124,17 @@ public:
     }
 
 private:
+    struct Answer {
+        KELO_API_STATUS status;
+        uint32_t value;
+    };
+
     void Do(ControlRecord record) {
         if (record == ControlRecord::Discover) {
             if (++discoveries_ <= kDiscoveriesMax) Discover();
             return;
         }
+        if (record == ControlRecord::Request) return Request();
         const uint8_t way = input_.U8();
         Arrival arrival{.transport = TransportOf(way), .source = SourceOf(way), .bytes = {}};
         if (record == ControlRecord::Datagram) {
@@ -176,6 +189,14 @@ private:
                        static_cast<int>(arrival.bytes.size()), 0);
     }
 
+    void OnSend(std::span<const uint8_t> sent) {
+        if (sent[5] == 1) {
+            OnBroadcast();
+        } else {
+            OnRequest(sent);
+        }
+    }
+
     // The second of the two: now every transport is there.
     void OnBroadcast() {
         if (++broadcasts_ % std::size(kInterfaces) != 0) return;
@@ -201,6 +222,65 @@ private:
                 Require(FindTransport(ip) != nullptr, "the transport is there");
     }
 
+    // Asks a camera for a register. Its answers come through the manager, the last one is right.
+    void Request() {
+        const uint8_t which = input_.U8();
+        if (model_.Cameras().empty()) return;
+        const auto chosen = std::next(model_.Cameras().begin(),
+                                      static_cast<std::ptrdiff_t>(which % model_.Cameras().size()));
+        asked_ip_ = chosen->second.ip;
+        answered_.reset();
+        is_sent_ = false;
+        uint32_t value = kUntouched;
+        const KELO_API_STATUS status =
+            manager_.FindHandle(chosen->first)->getRegisterValue(kRegister, value);
+        // One that answered by no transport cannot be asked.
+        const Answer expected = is_sent_ ? answered_.value() : Answer{KELO_STATUS_ERROR, 0};
+        RequireEqual(static_cast<int>(status), static_cast<int>(expected.status), "status");
+        const bool is_success = status == KELO_STATUS_SUCCESS;
+        RequireEqual(value, is_success ? expected.value : kUntouched, "value");
+    }
+
+    void OnRequest(std::span<const uint8_t> sent) {
+        Require(!is_sent_, "an answered request is not sent again");
+        is_sent_ = true;
+        Input request(sent.data(), sent.size());
+        (void)request.Bytes(6);
+        const uint32_t number = request.U32();
+        for (int left = input_.U8() % kAnswersMax; left > 0; --left) {
+            const uint8_t flags = input_.U8();
+            const uint8_t command = input_.U8();
+            const uint8_t status = input_.U8();
+            AnswerRequest(flags, command, status, input_.U32(), number);
+        }
+        AnswerRequest(0, 5, 1, 0x12345678, number);
+    }
+
+    void AnswerRequest(uint8_t flags, uint8_t command, uint8_t status, uint32_t value,
+                       uint32_t number) {
+        const bool is_strange = (flags & answer_flag::kStranger) != 0;
+        if ((flags & answer_flag::kWrongNumber) != 0) number += 1u + (flags >> 4);
+        Arrival answer{.transport = kAnyAddress,
+                       .source = is_strange ? ~asked_ip_ : asked_ip_,
+                       .bytes = {0xAB, 0, 0, 0, 0, command}};
+        for (const uint32_t word : {number, uint32_t{status}, kRegister * 4, value})
+            for (int shift = 24; shift >= 0; shift -= 8)
+                answer.bytes.push_back(static_cast<uint8_t>(word >> shift));
+        if (!is_strange && (flags & answer_flag::kWrongNumber) == 0 && !answered_)
+            answered_ = Understand(command, status, value);
+        Deliver(answer);
+    }
+
+    static std::optional<Answer> Understand(uint8_t command, uint8_t status, uint32_t value) {
+        const KELO_API_STATUS result = status == 1   ? KELO_STATUS_SUCCESS
+                                       : status == 3 ? KELO_STATUS_OUT_OF_RANGE
+                                                     : KELO_STATUS_ERROR;
+        if (command == 5 || command == 7) return Answer{result, value};
+        if (command == 11) return Answer{result, 0};
+        if (command != 9 || (status == 1 && value > 128)) return std::nullopt;
+        return Answer{result, 0};
+    }
+
     void CheckCamera(CAM_HANDLE handle, const IdentityModel& identity) {
         const auto camera = manager_.FindHandle(handle);
         Require(camera != nullptr, "the camera is there");
@@ -214,6 +294,9 @@ private:
     RegistryModel model_;
     std::vector<Arrival> in_discovery_;
     uint32_t broadcasts_ = 0;
+    uint32_t asked_ip_ = 0;
+    bool is_sent_ = false;
+    std::optional<Answer> answered_;
     int discoveries_ = 0;
 };
 

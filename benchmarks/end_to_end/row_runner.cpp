@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <functional>
 
 #include "../support/cpu.h"
 #include "max_rate.h"
@@ -14,6 +15,13 @@ namespace {
 
 constexpr double PLACEMENT_CHANGE_MAX = 1.5;
 constexpr int STALLS = 20;
+// Of a variant in a round.
+constexpr int TRIES = 3;
+
+bool Alike(double probe_ns, double other_ns) {
+    const double change = other_ns / probe_ns;
+    return change < PLACEMENT_CHANGE_MAX && change > 1 / PLACEMENT_CHANGE_MAX;
+}
 
 class RoundRunner {
 public:
@@ -28,12 +36,13 @@ public:
 private:
     void RunRounds(RowOutcome& outcome);
     Round RunRound(size_t number);
-    kelo::bench::Run RunVariant(size_t variant);
+    void RunVariant(size_t variant, bool first, Round& round);
+    kelo::bench::Run RunOnce(size_t variant);
     double RunSeconds() const { return std::max(options_.seconds, row_.seconds_min); }
     double Probe() const {
         return PlacementProbeNs(options_.cores.sender, options_.cores.receiver);
     }
-    std::string Disturbance(const Round& round) const;
+    std::string Disturbance(const Round& round, double probe_ns, const kelo::bench::Run& run) const;
 
     const Row row_;
     const RunOptions options_;
@@ -58,7 +67,7 @@ RowOutcome RoundRunner::Run() {
     return outcome;
 }
 
-// Disturbed rounds are run again, as often as there are rounds at most.
+// Rounds that stayed disturbed are made up for, as often as there are rounds at most.
 void RoundRunner::RunRounds(RowOutcome& outcome) {
     const int wanted = row_.rounds != 0 ? row_.rounds : options_.rounds;
     const int tries = row_.rounds != 0 ? wanted : 2 * wanted;
@@ -76,17 +85,28 @@ void RoundRunner::RunRounds(RowOutcome& outcome) {
 Round RoundRunner::RunRound(size_t number) {
     Round round;
     round.runs.resize(stage_.Variants());
-    round.probe_before_ns = Probe();
-    for (size_t i = 0; i < stage_.Variants(); ++i) {
-        const size_t variant = (number + i) % stage_.Variants();
-        round.runs[variant] = RunVariant(variant);
-    }
-    round.probe_after_ns = Probe();
-    round.dropped = Disturbance(round);
+    for (size_t i = 0; i < stage_.Variants(); ++i)
+        RunVariant((number + i) % stage_.Variants(), i == 0, round);
     return round;
 }
 
-kelo::bench::Run RoundRunner::RunVariant(size_t variant) {
+// What was disturbed is run again, so that not the whole round is lost. The first variant tells
+// where the cores are; the others must find them there.
+void RoundRunner::RunVariant(size_t variant, bool first, Round& round) {
+    const bool again = row_.rounds == 0 && round.dropped.empty();
+    std::string disturbance;
+    for (int i = 0; i < (again ? TRIES : 1); ++i) {
+        const double probe = Probe();
+        if (first) round.probe_before_ns = probe;
+        round.runs[variant] = RunOnce(variant);
+        round.probe_after_ns = Probe();
+        disturbance = Disturbance(round, probe, round.runs[variant]);
+        if (disturbance.empty()) return;
+    }
+    if (round.dropped.empty()) round.dropped = disturbance;
+}
+
+kelo::bench::Run RoundRunner::RunOnce(size_t variant) {
     std::function<void(pid_t)> meanwhile;
     if (row_.stall_ms > 0) {
         meanwhile = [this](pid_t receiver) { stalls_.Inflict(receiver, row_.stall_ms, STALLS); };
@@ -95,15 +115,16 @@ kelo::bench::Run RoundRunner::RunVariant(size_t variant) {
                              meanwhile);
 }
 
-// The two virtual cores were moved nearer or farther under the round, or had other work.
-std::string RoundRunner::Disturbance(const Round& round) const {
-    const double change = round.probe_after_ns / round.probe_before_ns;
-    if (change > PLACEMENT_CHANGE_MAX || change < 1 / PLACEMENT_CHANGE_MAX) return "placement";
+// The two virtual cores were moved nearer or farther, or had other work. Empty: neither.
+std::string RoundRunner::Disturbance(const Round& round, double probe_ns,
+                                     const kelo::bench::Run& run) const {
+    if (!Alike(round.probe_before_ns, probe_ns) ||
+        !Alike(round.probe_before_ns, round.probe_after_ns)) {
+        return "placement";
+    }
     // A stall is other work, on purpose.
     const double stalled = STALLS * row_.stall_ms / 1e3 / (2 * RunSeconds());
-    const bool foreign = std::any_of(round.runs.begin(), round.runs.end(), [&](const auto& run) {
-        return run.foreign_share > kelo::bench::Run::FOREIGN_SHARE_MAX + stalled;
-    });
+    const bool foreign = run.foreign_share > kelo::bench::Run::FOREIGN_SHARE_MAX + stalled;
     return foreign ? "other work" : "";
 }
 

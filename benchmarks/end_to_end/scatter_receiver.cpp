@@ -51,6 +51,7 @@ private:
     FramePair frames_;
     std::vector<Message> messages_;
     std::vector<mmsghdr> calls_;
+    std::vector<std::byte> read_out_[MESSAGES];
     Position next_{};
     size_t per_message_;  // datagrams that messages lately have had
 };
@@ -69,6 +70,8 @@ ScatterReceiver::ScatterReceiver(const ReceiverSetup& setup)
         message.headers.resize(places_max_ * IMAGE_HEADER_SIZE);
         message.parts.resize(2 * places_max_ + 1);
     }
+    for (auto& bytes : read_out_)
+        bytes.reserve(MESSAGE_MAX);
 }
 
 void ScatterReceiver::Expect() {
@@ -128,6 +131,7 @@ void ScatterReceiver::Accept(size_t i) {
 }
 
 void ScatterReceiver::ReadOut(size_t i, std::vector<std::byte>& bytes) const {
+    bytes.clear();
     size_t left = calls_[i].msg_len;
     for (size_t part = 0; left > 0; ++part) {
         const iovec& place = messages_[i].parts[part];
@@ -141,13 +145,12 @@ void ScatterReceiver::ReadOut(size_t i, std::vector<std::byte>& bytes) const {
 // What was written too far ahead is overwritten when it comes.
 void ScatterReceiver::PlaceAnew(size_t count) {
     // All are read out before the first is placed: they may lie on each other's places.
-    std::vector<std::byte> bytes[MESSAGES];
     for (size_t i = 0; i < count; ++i)
-        ReadOut(i, bytes[i]);
+        ReadOut(i, read_out_[i]);
     for (size_t i = 0; i < count; ++i) {
-        for (size_t at = 0; at < bytes[i].size(); at += datagram_) {
-            const size_t size = std::min(datagram_, bytes[i].size() - at);
-            frames_.Take(&bytes[i][at], size);
+        const std::vector<std::byte>& bytes = read_out_[i];
+        for (size_t at = 0; at < bytes.size(); at += datagram_) {
+            frames_.Take(&bytes[at], std::min(datagram_, bytes.size() - at));
         }
     }
 }

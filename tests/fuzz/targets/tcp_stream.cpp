@@ -1,6 +1,7 @@
 // Bytes of TCP image streams, against a simple reader of the same messages.
 // Input: frame size, length of what the first connection carries; the rest comes over a second one.
 
+#include <cerrno>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -62,24 +63,36 @@ void ReadMessages(std::span<const uint8_t> bytes, uint32_t frame_size,
     }
 }
 
+// Repeats a call that a signal interrupts: the fuzzer has a timer.
+template <typename Call>
+ssize_t Uninterrupted(const Call& call) {
+    while (true) {
+        const ssize_t result = call();
+        if (result >= 0 || errno != EINTR) return result;
+    }
+}
+
 // Gives the bytes to the receiver over a new connection and returns when it has done with them.
 void Carry(StreamReceiverTcp& receiver, std::span<const uint8_t> bytes) {
     receiver.ensureTcpConnection(1);
     const FileDescriptor peer = kelo::fuzz::TakePeer();
     Require(peer.IsOpen(), "a connection is made");
     uint8_t opening[2];
-    if (recv(peer.Get(), opening, sizeof(opening), MSG_WAITALL) != sizeof(opening))
-        Fail("the stream is not opened");
+    const auto receive = [&] {
+        return Uninterrupted([&] { return recv(peer.Get(), opening, sizeof(opening), 0); });
+    };
+    // They were sent in one piece.
+    RequireEqual(receive(), static_cast<ssize_t>(sizeof(opening)), "bytes of the opening");
     Require(opening[0] == 0xAC && opening[1] == kStream, "the opening names the stream");
     while (!bytes.empty()) {
-        const ssize_t sent = send(peer.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        const ssize_t sent = Uninterrupted(
+            [&] { return send(peer.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL); });
         if (sent <= 0) Fail("the receiver has hung up");
         bytes = bytes.subspan(static_cast<size_t>(sent));
     }
     shutdown(peer.Get(), SHUT_WR);
     // It closes its end when it has come to the end of this one.
-    while (recv(peer.Get(), opening, sizeof(opening), 0) > 0) {
-    }
+    RequireEqual(receive(), ssize_t{0}, "bytes behind the opening");
 }
 
 void Compare(const BufferInfo& image, const ExpectedImage& expected, uint32_t frame_size,

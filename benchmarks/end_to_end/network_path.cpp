@@ -94,13 +94,11 @@ NetworkPath::NetworkPath(Way way) : way_(way) {
 }
 
 void NetworkPath::PrepareLoopback() {
-    const bool wanted = way_ == Way::LOOPBACK_UNMERGED;
-    if (wanted) SetInterfaceFeature("lo", "tx-udp-segmentation", false);
     const Merge merge = ProbeLoopbackMerge();
-    if (merge == Merge::REFUSED || (wanted && merge == Merge::MERGED)) {
+    if (merge == Merge::REFUSED) {
         kernel_splits_ = false;
         note_ += "; each datagram is sent as a message of its own";
-    } else if (!wanted && merge == Merge::UNMERGED) {
+    } else if (merge == Merge::UNMERGED) {
         note_ += "; this machine's loopback merges nothing";
     }
     if (note_.starts_with("; ")) note_.erase(0, 2);

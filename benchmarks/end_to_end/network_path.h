@@ -10,10 +10,9 @@ namespace kelo::bench {
 
 // The way from the cameras to the receivers.
 enum class Way {
-    LOOPBACK,           // messages of several datagrams stay one on their way
-    LOOPBACK_UNMERGED,  // the kernel splits them before they get there
-    VETH,               // the receiver's kernel work on the receiver's core
-    VETH_UNMERGED,      // the same; packets arrive one by one, and may be merged there
+    LOOPBACK,       // messages of several datagrams stay one on their way
+    VETH,           // the receiver's kernel work on the receiver's core
+    VETH_UNMERGED,  // the same; packets arrive one by one, and may be merged there
 };
 
 // Private networks for the two sides; made before any thread exists. Throws std::runtime_error with

@@ -18,6 +18,7 @@ struct ReceiverSetup {
     Traffic traffic;
     uint32_t first_camera = 0x7F000001;  // addresses in host order
     uint16_t tcp_port = 0;
+    bool merging = true;   // false: the system seems not to know it
     bool restart = false;  // start the acquisition anew in each run
 };
 

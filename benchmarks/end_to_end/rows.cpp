@@ -12,28 +12,17 @@ const Names BLAST = {"library", "plain", "blocking", "drop", "floor", "scatter",
 const Names PACED = {"library", "plain", "blocking", "floor", "moderated", "unread"};
 
 void AddBlasts(std::vector<Row>& rows) {
-    struct Case {
-        const char* name;
-        const char* title;
-        Way way;
-        uint32_t datagram;
-    };
-    const Case cases[] = {
-        {"blast-1500-merged", "full blast, 1500-byte packets, merged by the kernel", Way::LOOPBACK,
-         PACKET_1500},
-        {"blast-1500-unmerged", "full blast, 1500-byte packets, not merged", Way::LOOPBACK_UNMERGED,
-         PACKET_1500},
-        {"blast-9000-unmerged", "full blast, 9000-byte packets, not merged", Way::LOOPBACK_UNMERGED,
-         PACKET_9000},
-        {"blast-9000-merged", "full blast, 9000-byte packets, merged by the kernel", Way::LOOPBACK,
-         PACKET_9000},
-    };
-    for (const Case& c : cases) {
-        rows.push_back({.name = c.name,
-                        .title = c.title,
-                        .way = c.way,
-                        .traffic = {.datagram_size = c.datagram},
+    for (const uint32_t datagram : {PACKET_1500, PACKET_9000}) {
+        const std::string packet = datagram == PACKET_1500 ? "1500" : "9000";
+        rows.push_back({.name = "blast-" + packet + "-merged",
+                        .title = "full blast, " + packet + "-byte packets, merged by the kernel",
+                        .traffic = {.datagram_size = datagram},
                         .variants = BLAST});
+        rows.push_back({.name = "blast-" + packet + "-unmerged",
+                        .title = "full blast, " + packet + "-byte packets, not merged",
+                        .traffic = {.datagram_size = datagram},
+                        .variants = BLAST,
+                        .merging = false});
     }
 }
 
@@ -78,7 +67,7 @@ void AddMaxRates(std::vector<Row>& rows) {
         rows.push_back({.name = "max-rate-" + packet,
                         .title = "highest rate without a lost packet, " + packet + "-byte packets",
                         .traffic = {.datagram_size = datagram},
-                        .variants = {"library", "floor", "scatter", "blocking", "drop"},
+                        .variants = {"library", "floor", "blocking"},
                         .kind = Row::Kind::MAX_RATE});
     }
 }

@@ -31,6 +31,7 @@ Stage::Stage(const Row& row, const Cores& cores) : row_(row), cores_(cores), pat
     const ReceiverSetup receivers = {.traffic = row.traffic,
                                      .first_camera = path_.FirstCamera(),
                                      .tcp_port = tcp_port,
+                                     .merging = row.merging,
                                      .restart = row.restart};
     for (const std::string& variant : row.variants)
         workers_.emplace_back(variant, receivers, cores.receiver, *cameras_);

@@ -11,6 +11,7 @@
 
 #include "../support/cpu.h"
 #include "process_usage.h"
+#include "refuse_merging.h"
 
 namespace kelo::bench {
 namespace {
@@ -139,6 +140,7 @@ Worker::Worker(const std::string& name, const ReceiverSetup& setup, int core, Pe
     : name_(name), process_(std::make_unique<ChildProcess>("receiver", [&](Channel& channel) {
           PinToCore(core);
           ForgetPeakMemory();
+          if (!setup.merging) RefuseMerging();
           RunWorker(channel, name, setup, cameras);
       })) {
     Wait(READY_SECONDS);

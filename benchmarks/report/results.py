@@ -78,8 +78,10 @@ class Results:
 
     def round_trip(self, request, column):
         """Library beside bare, for example of "register read" and "p50_us"."""
-        requests = self.data.get("round_trip", {}).get("requests", {})
-        return _spread(requests.get(request, {}).get("ratios", {}).get(column))
+        for row in self.data.get("round_trip", {}).get("rows", []):
+            if row["name"] == request:
+                return _spread(row.get("ratios", {}).get("library/bare", {}).get(column))
+        return None
 
     def micro_times(self, name):
         """Processor time of each repetition of a micro benchmark, in nanoseconds."""

@@ -110,7 +110,11 @@ def _without_loss():
 
 
 def _steady_state():
-    return [
+    for packet in ("9000", "1500"):
+        row = f"reassemble in order, packets of {packet}"
+        yield Target("images in steady state", f"time / copy of the payloads, {packet}",
+                     lambda r, row=row: r.speed_up(f"{row}/copy alone", f"{row}/library"), 1.05)
+    yield from [
         _count("images in steady state", "page faults per image", "memory",
                "late_faults_per_image", digits=3),
         _count("memory in steady state", "MiB beyond the images in flight", "memory",

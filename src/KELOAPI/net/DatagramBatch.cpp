@@ -11,7 +11,7 @@ namespace {
 constexpr size_t kMergedBytesMax = 65536;
 
 // What one call may bring should stay in the processor's cache until it is handled.
-constexpr size_t kBatchBytes = 512 << 10;
+constexpr size_t kBatchBytes = 128 << 10;
 // Messages of 64 KiB lie this much farther apart than that: at a distance of a power of two all of
 // them would compete for the same few lines of the cache.
 constexpr size_t kStagger = 2368;

@@ -4,14 +4,15 @@ namespace {
 
 using std::chrono::nanoseconds;
 
-// Measured at 1 Gbit/s in packets of 1500 bytes and 10 Gbit/s in packets of 9000: half of the
-// processor time is gone with the shorter one, and little is left to be had beyond the longer one.
-constexpr nanoseconds kPauses[] = {std::chrono::microseconds(200), std::chrono::microseconds(100)};
+// The longest that fits is made. A longer one would save little more.
+constexpr nanoseconds kPauses[] = {std::chrono::microseconds(400), std::chrono::microseconds(200),
+                                   std::chrono::microseconds(100)};
 // Fewer are not worth a timer.
 constexpr double kDatagramsDueMin = 4;
-// How far away the moment must be at which somebody wants the result, in lengths of the pause: the
-// rate is an estimate, and a thread wakes up late.
-constexpr double kDistanceMin = 1.5;
+// How far away the moment must be at which somebody wants the result: the pause, a part of it
+// because the rate is an estimate, and the time by which a thread wakes up late.
+constexpr double kDistancePerPause = 1.25;
+constexpr double kWakeUpNs = 75e3;
 // What gathers should still be in the processor's cache when it is taken.
 constexpr double kGatheredBytesMax = 384 << 10;
 // The part of the socket's buffer that a pause may fill: the buffer is there for a thread that is
@@ -56,9 +57,11 @@ void ReceptionPause::Count(Clock::time_point now, size_t datagrams, size_t bytes
 }
 
 bool ReceptionPause::IsWorthwhile(nanoseconds pause, uint32_t until_wanted) const {
-    const double due = datagrams_ * static_cast<double>(pause.count()) / nanoseconds_;
+    const auto pause_ns = static_cast<double>(pause.count());
+    const double due = datagrams_ * pause_ns / nanoseconds_;
     const double bytes_due = due * bytes_ / datagrams_;
-    return due >= kDatagramsDueMin && due * kDistanceMin <= static_cast<double>(until_wanted) &&
+    const double distance = datagrams_ * (kDistancePerPause * pause_ns + kWakeUpNs) / nanoseconds_;
+    return due >= kDatagramsDueMin && distance <= static_cast<double>(until_wanted) &&
            bytes_due <= kGatheredBytesMax &&
            bytes_due * kBlockPerByte + due * kBlockHeader <=
                static_cast<double>(buffer_bytes_) * kBufferPart;

@@ -49,7 +49,8 @@ def main():
     print(table)
     if options.document:
         update(options.document, "\n\n".join([
-            tables.machine_line(results.data["machine"]), tables.target_table(results, None)]))
+            tables.machine_line(results.data["machine"]), tables.target_table(results, None),
+            tables.camera_table(results)]))
     if options.plots:
         plots.draw_all(results, options.plots)
 

@@ -31,6 +31,28 @@ def target_table(results, baseline):
     return "\n".join(_table(head + (["baseline"] if baseline else []), lines))
 
 
+MANY_CAMERAS = [("many-1", "1 camera, 1.25 GB/s, 4 MiB images, 9000-byte packets"),
+                ("many-4", "4 cameras, 1.25 GB/s together"),
+                ("many-16", "16 cameras, 1.25 GB/s together"),
+                ("cameras-640x480-1500", "4 cameras, 1000 images of 640×480 a second each, 1500"),
+                ("cameras-640x480-9000", "the same in packets of 9000")]
+
+
+def camera_table(results):
+    """Several cameras at once, for which there is no target but that nothing is lost."""
+    lines = []
+    for row, work in MANY_CAMERAS:
+        cells = [results.value(row, "library", "thread_ns_per_packet"),
+                 results.ratio(row, "library/plain", "thread_ns_per_packet"),
+                 results.ratio(row, "library/floor", "thread_ns_per_packet"),
+                 results.value(row, "library", "packets_lost")]
+        if any(cells):
+            lines.append([work] + [cell.text(digits) if cell else "–"
+                                   for cell, digits in zip(cells, (0, 2, 2, 0))])
+    return "\n".join(_table(["cameras", "CPU per packet, ns", "CPU / plain", "CPU / floor",
+                             "packets lost"], lines))
+
+
 def row_table(results, row):
     """All columns of an end-to-end row, a column of the table per variant."""
     data = results.rows[row]

@@ -1,6 +1,7 @@
 """Puts the files of the benchmark programs together, compares them with the baseline, and draws.
 
     python3 benchmarks/report FOLDER [--baseline FILE] [--plots FOLDER] [--document FILE]
+        [--new-baseline FILE]
 
 FOLDER holds what the programs wrote with --json; results.json and table.md are added to it. In the
 document, the machine and the table of targets replace what stands between the two marks.
@@ -33,6 +34,7 @@ def main():
     parser.add_argument("--baseline", type=pathlib.Path)
     parser.add_argument("--plots", type=pathlib.Path)
     parser.add_argument("--document", type=pathlib.Path)
+    parser.add_argument("--new-baseline", type=pathlib.Path)
     options = parser.parse_args()
 
     results = Results.gather(options.folder, machine.describe())
@@ -51,6 +53,8 @@ def main():
         update(options.document, "\n\n".join([
             tables.machine_line(results.data["machine"]), tables.target_table(results, None),
             tables.camera_table(results)]))
+    if options.new_baseline:
+        results.save_baseline(options.new_baseline)
     if options.plots:
         plots.draw_all(results, options.plots)
 

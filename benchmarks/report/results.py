@@ -54,6 +54,15 @@ class Results:
     def save(self, file):
         pathlib.Path(file).write_text(json.dumps(self.data, indent=1) + "\n")
 
+    def save_baseline(self, file):
+        """Without the single rounds, which nobody compares."""
+        kept = ("run_type", "run_name", "repetition_index", "cpu_time")
+        data = _without_rounds(self.data)
+        data.get("micro", {})["benchmarks"] = [
+            {key: entry[key] for key in kept} for entry in data.get("micro", {}).get(
+                "benchmarks", []) if entry.get("run_type") == "iteration"]
+        pathlib.Path(file).write_text(json.dumps(data, indent=0) + "\n")
+
     @property
     def rows(self):
         return self._rows
@@ -69,7 +78,7 @@ class Results:
     def rate_ratio(self, row):
         """The library's highest rate without loss, beside the best of the others."""
         variants = self._rows.get(row, {}).get("variants", {})
-        rates = {name: v["lossless_mb_per_s"] for name, v in variants.items()
+        rates = {name: v["lossless_mb_per_s"]["median"] for name, v in variants.items()
                  if v.get("lossless_mb_per_s")}
         others = [rate for name, rate in rates.items() if name not in ("library", "drop")]
         if "library" not in rates or not others:
@@ -94,6 +103,14 @@ class Results:
         if not pairs:
             return None
         return Spread.of([theirs / mine for mine, theirs in pairs])
+
+
+def _without_rounds(data):
+    if isinstance(data, dict):
+        return {key: _without_rounds(value) for key, value in data.items() if key != "rounds"}
+    if isinstance(data, list):
+        return [_without_rounds(value) for value in data]
+    return round(data, 4) if isinstance(data, float) else data
 
 
 def _spread(entry):

@@ -58,6 +58,7 @@ def latency(results, file):
     figure, both = plt.subplots(1, 2, figsize=(9, 3.2), sharex=True)
     for axes, column, title in zip(both, ("latency_p50_us", "latency_p99_us"), ("p50", "p99")):
         _bars(axes, results, rows, column, ["plain", "blocking", "library"])
+        axes.set_yscale("log")
         axes.set_ylabel(f"last datagram to image, {title}, µs")
     _save(figure, file)
 

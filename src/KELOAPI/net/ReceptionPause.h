@@ -9,10 +9,11 @@
 // Decides how long a receive thread that has taken all there was lets the next datagrams gather.
 //
 // When datagrams come one by one, waking up for each of them costs more than taking it. A short
-// pause takes many with one wake-up, but it must never keep anybody waiting, nor fill the socket's
-// buffer. So there is one only while the receiver is certain not to hand anything over before it
-// ends, and only when several datagrams are due in it. How many are due tells their rate, which is
-// counted here.
+// pause takes many with one wake-up, but it must not keep anybody waiting, nor fill the socket's
+// buffer. So there is one only while the receiver expects to hand nothing over before it ends, and
+// only when several datagrams are due in it. How many are due tells their rate, which is counted
+// here. A sender that breaks its own order can complete an image within a pause: it is then late by
+// that pause at most.
 //
 // No clock and no thread of its own: the receive thread gives the time and does the sleeping.
 class ReceptionPause {

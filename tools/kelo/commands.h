@@ -1,0 +1,15 @@
+#pragma once
+
+namespace CLI {
+class App;
+}
+
+namespace kelotool {
+
+struct Context;
+
+// One function per subcommand, each in a file of its own. main() calls them in the order of the
+// help.
+void AddListCommand(CLI::App& app, Context& context);
+
+}  // namespace kelotool

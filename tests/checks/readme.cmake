@@ -3,3 +3,8 @@ add_test(NAME checks.readme_example COMMAND
          /usr/bin/python3 "${CMAKE_CURRENT_LIST_DIR}/readme_example.py" "${PROJECT_SOURCE_DIR}")
 add_test(NAME checks.documented_texts COMMAND
          /usr/bin/python3 "${CMAKE_CURRENT_LIST_DIR}/documented_texts.py" "${PROJECT_SOURCE_DIR}")
+# Instrumented builds have nothing to add to these.
+if(NOT KELO_SANITIZE AND NOT KELO_COVERAGE)
+    add_test(NAME checks.protocol_document COMMAND /usr/bin/python3
+             "${CMAKE_CURRENT_LIST_DIR}/check_protocol.py" "${PROJECT_SOURCE_DIR}" ${CMAKE_CXX_COMPILER})
+endif()

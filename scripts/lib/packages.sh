@@ -10,6 +10,7 @@ BUILD_PACKAGES=(
 TSAN_PACKAGES=("${BUILD_PACKAGES[@]}" clang libclang-rt-14-dev)
 FUZZ_PACKAGES=(g++ cmake ninja-build git clang libclang-rt-14-dev)
 RELEASE_PACKAGES=("${BUILD_PACKAGES[@]}" binutils libbenchmark-dev)
+PACKAGE_PACKAGES=("${BUILD_PACKAGES[@]}" dpkg-dev file lintian)
 BENCH_PACKAGES=("${BUILD_PACKAGES[@]}" libbenchmark-dev python3-matplotlib)
 COVERAGE_PACKAGES=("${BUILD_PACKAGES[@]}" gcovr)
 TIDY_PACKAGES=("${BUILD_PACKAGES[@]}" clang clang-tidy-14)

@@ -7,4 +7,7 @@ add_test(NAME checks.documented_texts COMMAND
 if(NOT KELO_SANITIZE AND NOT KELO_COVERAGE)
     add_test(NAME checks.protocol_document COMMAND /usr/bin/python3
              "${CMAKE_CURRENT_LIST_DIR}/check_protocol.py" "${PROJECT_SOURCE_DIR}" ${CMAKE_CXX_COMPILER})
+    add_test(NAME checks.snippets COMMAND /usr/bin/python3
+             "${CMAKE_CURRENT_LIST_DIR}/check_snippets.py" "${PROJECT_SOURCE_DIR}"
+             ${CMAKE_C_COMPILER} ${CMAKE_CXX_COMPILER})
 endif()

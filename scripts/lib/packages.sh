@@ -15,6 +15,8 @@ BENCH_PACKAGES=("${BUILD_PACKAGES[@]}" libbenchmark-dev python3-matplotlib)
 COVERAGE_PACKAGES=("${BUILD_PACKAGES[@]}" gcovr)
 TIDY_PACKAGES=("${BUILD_PACKAGES[@]}" clang clang-tidy-14)
 FORMAT_PACKAGES=(git clang-format-14)
+# The API reference, and what the tests of documents and of tools/wireshark look with.
+DOCS_PACKAGES=(git doxygen tshark)
 SHELLCHECK_PACKAGES=(git shellcheck)
 
 # missing_packages PACKAGE...: those that are not installed, one a line.

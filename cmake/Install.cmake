@@ -33,8 +33,13 @@ configure_file(cmake/kelobase.pc.in "${PROJECT_BINARY_DIR}/kelobase.pc" @ONLY)
 install(FILES "${PROJECT_BINARY_DIR}/kelobase.pc"
         DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig" COMPONENT development)
 
-foreach(tool IN ITEMS kelo kelo-sim)
-    if(TARGET ${tool})
-        install(TARGETS ${tool} RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT tools)
+# kelo_install_tool(TARGET PAGE...): a command and its manual pages, where the command is built.
+function(kelo_install_tool target)
+    if(TARGET ${target})
+        install(TARGETS ${target} RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT tools)
+        install(FILES ${ARGN} DESTINATION "${CMAKE_INSTALL_MANDIR}/man1" COMPONENT tools)
     endif()
-endforeach()
+endfunction()
+kelo_install_tool(kelo-sim simulator/app/kelo-sim.1)
+file(GLOB kelo_pages CONFIGURE_DEPENDS tools/kelo/man/*.1)
+kelo_install_tool(kelo ${kelo_pages})

@@ -468,6 +468,7 @@ int ReportUsage(const CLI::App& app, const CLI::Error& error) {
 Options ParseOptions(int argc, char** argv) {
     CLI::App app(kDescription, "kelo-sim");
     app.footer(kFooter);
+    app.set_version_flag("--version", KELO_VERSION, "Print the version and exit");
     Options options;
     kelosim::CameraConfig camera;
     StreamOptions streams;

@@ -66,7 +66,6 @@ configure_file("${PROJECT_SOURCE_DIR}/cmake/debian/copyright.in" "${PROJECT_BINA
 
 string(TIMESTAMP KELO_CHANGELOG_DATE "%a, %d %b %Y %H:%M:%S +0000" UTC)
 configure_file("${PROJECT_SOURCE_DIR}/cmake/debian/changelog.in" "${PROJECT_BINARY_DIR}/debian/changelog.Debian" @ONLY)
-find_program(KELO_GZIP gzip REQUIRED)
 execute_process(COMMAND "${KELO_GZIP}" -9nfk "${PROJECT_BINARY_DIR}/debian/changelog.Debian"
                 COMMAND_ERROR_IS_FATAL ANY)
 

@@ -100,7 +100,7 @@ class Installed(Scratch):
         for command in ("kelo", "kelo-sim"):
             self.assertIn(VERSION, run(self.prefix / "bin" / command, "--version",
                                        env={**os.environ, "LD_LIBRARY_PATH": str(self.libraries)}))
-            self.assertTrue((self.prefix / "share/man/man1" / f"{command}.1").is_file(), command)
+            self.assertTrue((self.prefix / "share/man/man1" / f"{command}.1.gz").is_file(), command)
 
 
 class InsideAnotherProject(Scratch):

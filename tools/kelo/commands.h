@@ -11,5 +11,6 @@ struct Context;
 // One function per subcommand, each in a file of its own. main() calls them in the order of the
 // help.
 void AddListCommand(CLI::App& app, Context& context);
+void AddGrabCommand(CLI::App& app, Context& context);
 
 }  // namespace kelotool

@@ -28,6 +28,7 @@ std::string Version() {
 
 void AddCommands(CLI::App& app, Context& context) {
     AddListCommand(app, context);
+    AddGrabCommand(app, context);
 }
 
 // The library writes to standard output, which is ours: it gets standard error with --log, else

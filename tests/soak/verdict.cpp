@@ -6,7 +6,7 @@ namespace {
 // The first half is warm-up. Over the second one a line through the samples may rise by so much:
 // below what one leaked image in ten rests would make of it in two hours, above what the system's
 // allocator moves to and fro.
-constexpr double kResidentGrowthKbMax = 8192;
+constexpr double kResidentGrowthKbMax = 4096;
 constexpr double kHeapGrowthKbMax = 256;
 
 }  // namespace

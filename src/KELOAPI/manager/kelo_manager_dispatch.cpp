@@ -72,7 +72,9 @@ void KELOManager::OnDiscoveryReply(const TPacketCommunicator* from, const void* 
         std::find_if(discovery_responses.begin(), discovery_responses.end(),
                      [&](const auto& entry) { return entry.first.camera_ip == info.camera_ip; });
     if (known == discovery_responses.end()) {
-        if (discovery_responses.size() < kDiscoveryResponsesMax) {
+        // What a stranger sends before it must not make a camera that is known a vanished one.
+        if (discovery_responses.size() < kDiscoveryResponsesMax ||
+            FindIntake(info.camera_ip) != nullptr) {
             discovery_responses.emplace_back(info, std::move(transport));
         } else {
             Park(std::move(transport.first));

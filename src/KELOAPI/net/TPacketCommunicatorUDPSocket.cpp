@@ -22,6 +22,9 @@ constexpr size_t kBulkMessages = 32;
 constexpr uint32_t kBroadcast = 0xFFFFFFFF;
 // Bridges some 40 ms at 1 Gbit/s and 4 ms at 10 Gbit/s, what a loaded machine lets a thread wait.
 constexpr int kBufferBytesWanted = 4 << 20;
+// Without bulk: what a thousand cameras answer to one question at once. An answer that finds no
+// room makes its camera a lost one.
+constexpr int kAnswersBufferBytes = 1 << 20;
 
 }  // namespace
 
@@ -43,7 +46,11 @@ TPacketCommunicatorUDPSocket::~TPacketCommunicatorUDPSocket() {
 void TPacketCommunicatorUDPSocket::OpenSocket() {
     try {
         Socket = std::make_unique<UDPSocket>(bind_ip, bind_port);
-        if (InBulk()) TakeBulkBuffer();
+        if (InBulk()) {
+            TakeBulkBuffer();
+        } else {
+            (void)Socket->requestReceiveBuffer(kAnswersBufferBytes);
+        }
         actual_port = Socket->getPort();
         UDPStatus = actual_port != 0 ? UDPST_OK : UDPST_BAD_PORT;
     } catch (...) {

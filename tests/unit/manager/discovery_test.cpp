@@ -172,6 +172,19 @@ TEST_F(Discovery, AtMost1024CamerasAreKept) {
     EXPECT_EQ(manager->FindIp(0x0B000000), nullptr);
 }
 
+// Whoever fills the list of replies keeps new cameras out, but closes no session.
+TEST_F(Discovery, MadeUpRepliesCrowdOutNoKnownCamera) {
+    constexpr uint32_t kMoreThanAreKept = 5000;
+    Receive(DiscoveryReply(kCamera, "Camera"));
+    ASSERT_EQ(manager->Discover(0, 0), 1u);
+    const auto session = manager->FindIp(kCamera);
+    for (uint32_t i = 0; i < kMoreThanAreKept; ++i)
+        Receive(DiscoveryReply(0x0A000000 + i, "Made up"));
+    Receive(DiscoveryReply(kCamera, "Camera"));
+    EXPECT_EQ(manager->Discover(0, 0), 1024u);
+    EXPECT_EQ(manager->FindIp(kCamera), session);
+}
+
 TEST_F(Discovery, SetIpOfAnUnknownHandleSendsNothing) {
     EXPECT_EQ(manager->setCameraIP(1, 2, 3), KELO_STATUS_ERROR);
     EXPECT_EQ(WaitReadable(listener, 0), 0);

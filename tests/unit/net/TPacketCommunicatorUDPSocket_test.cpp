@@ -185,6 +185,20 @@ TEST_F(CommunicatorTest, DeliversManyInOrder) {
     EXPECT_EQ(sent, receiver.Texts());
 }
 
+// A thousand cameras answer a discovery at once, at a moment when nobody listens.
+TEST_F(CommunicatorTest, HoldsTheAnswersOfAThousandCameras) {
+    constexpr size_t kAnswers = 1024;
+    constexpr int kBytesNeeded = 1 << 20;
+    // What the system grants is twice what it was asked for.
+    if (peer.requestReceiveBuffer(kBytesNeeded) < 2 * kBytesNeeded)
+        GTEST_SKIP() << "the system does not grant the buffer";
+    const auto communicator = Make();
+    for (size_t i = 0; i < kAnswers; ++i)
+        SendTo(*communicator, std::string(78, 'x'));
+    communicator->StartRxThread();
+    EXPECT_TRUE(WaitFor([&] { return receiver.Count() == kAnswers; }));
+}
+
 TEST_F(CommunicatorTest, CutsDatagramsToTheMaximumSize) {
     const auto communicator = Make(0, kLoopback, 10);
     communicator->StartRxThread();

@@ -35,13 +35,14 @@ WORDS = {"not run": "reason", "run until": "pattern", "run with": "program"}
 BLOCK_SECONDS = 60
 # Packages that documents speak of and CI does not need; with the options that they are shown with.
 FOREIGN = {
-    "apt": {"install"}, "apt-get": {"-y"}, "chrt": {"--rr", "--fifo"}, "dumpcap": {"-i", "-s", "-f", "-w"},
+    "apt": {"install"}, "apt-get": {"-y"}, "chrt": {"--rr", "--fifo", "--pid"}, "dumpcap": {"-i", "-s", "-f", "-w"},
     "dpkg": {"-i"}, "ethtool": {"-g", "-G", "-k", "-K", "-c", "-C", "-S"}, "sysctl": {"-w"},
     "taskset": {"-c"}, "ulimit": {"-r"}, "sudo": set(), "nft": {"-a"}, "nstat": {"-az"},
     "ss": {"-u", "-a", "-m", "-n", "-uamn"}, "man": set(), "ps": {"-T", "-p"},
 }
 OURS = re.compile(r"^(?:scripts/|tools/|build/|\./|kelo-sim$|kelo$)")
 SEPARATORS = {"&&", "||", "|", ";", "&"}
+KEYWORDS = {"do", "then", "else", "done", "fi", "while", "if", "!"}
 
 
 # Commands of a block ---------------------------------------------------------------------------
@@ -57,9 +58,9 @@ def commands(text):
             if word not in SEPARATORS:
                 words.append(word)
                 continue
-            while words and (re.match(r"^\w+=", words[0]) or words[0] == "sudo"):
+            while words and (re.match(r"^\w+=", words[0]) or words[0] in KEYWORDS | {"sudo"}):
                 words.pop(0)
-            if words:
+            if words and words[0] != "for":
                 yield words
             words = []
 

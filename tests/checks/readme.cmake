@@ -10,4 +10,12 @@ if(NOT KELO_SANITIZE AND NOT KELO_COVERAGE)
     add_test(NAME checks.snippets COMMAND /usr/bin/python3
              "${CMAKE_CURRENT_LIST_DIR}/check_snippets.py" "${PROJECT_SOURCE_DIR}"
              ${CMAKE_C_COMPILER} ${CMAKE_CXX_COMPILER})
+    add_test(NAME checks.log_index COMMAND /usr/bin/python3
+             "${CMAKE_CURRENT_LIST_DIR}/log_index.py" "${PROJECT_SOURCE_DIR}")
+    foreach(what links commands run)
+        add_test(NAME checks.documents_${what} COMMAND /usr/bin/python3
+                 "${CMAKE_CURRENT_LIST_DIR}/check_docs.py" ${what} "${PROJECT_SOURCE_DIR}"
+                 "${PROJECT_BINARY_DIR}")
+        set_tests_properties(checks.documents_${what} PROPERTIES SKIP_RETURN_CODE 77 TIMEOUT 300)
+    endforeach()
 endif()

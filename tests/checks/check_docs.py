@@ -40,7 +40,9 @@ FOREIGN = {
     "taskset": {"-c"}, "ulimit": {"-r"}, "sudo": set(), "nft": {"-a"}, "nstat": {"-az"},
     "ss": {"-u", "-a", "-m", "-n", "-uamn"}, "man": set(), "ps": {"-T", "-p"},
 }
-OURS = re.compile(r"^(?:scripts/|tools/|build/|\./|kelo-sim$|kelo$)")
+IN_TREE = ("scripts/", "tools/", "benchmarks/")
+OURS = re.compile(r"^(?:scripts/|tools/|benchmarks/|build/|kelo-sim$|kelo$)")
+OPTIONAL = {"tshark", "editcap", "cd", "export"}
 SEPARATORS = {"&&", "||", "|", ";", "&"}
 KEYWORDS = {"do", "then", "else", "done", "fi", "while", "if", "!"}
 
@@ -84,7 +86,7 @@ class Programs:
 
     def help_of(self, name, words):
         """What the program tells of its options; None where it is not known."""
-        if name.startswith(("scripts/", "tools/")):
+        if name.startswith(IN_TREE):
             return (self.root / name).read_text()
         path = self.ours(pathlib.Path(name).name)
         if path is None or not path.exists():
@@ -108,11 +110,11 @@ class Programs:
                     yield f"{name} {option}: not one of the options that are known to be right"
         elif name == "cmake":
             yield from self.problems_of_cmake(words)
-        elif shutil.which(name) is None and name not in ("tshark", "editcap", "cd", "export"):
+        elif not name.startswith("./") and shutil.which(name) is None and name not in OPTIONAL:
             yield f"{name}: no such program"
 
     def problems_of_ours(self, name, words):
-        if name.startswith(("scripts/", "tools/")) and not os.access(self.root / name, os.X_OK):
+        if name.startswith(IN_TREE) and not os.access(self.root / name, os.X_OK):
             yield f"{name}: no such program"
             return
         if name.startswith("build/"):
@@ -202,7 +204,7 @@ class Runner:
 
     def missing(self, text):
         return [words[0] for words in commands(text)
-                if words[0] in ("tshark", "editcap") and shutil.which(words[0]) is None]
+                if words[0] in OPTIONAL - {"cd", "export"} and shutil.which(words[0]) is None]
 
     def shell(self, text, folder, **how):
         path = ":".join((str(self.build / "simulator"), str(self.build / "tools/kelo"), os.environ["PATH"]))

@@ -242,6 +242,23 @@ TEST_F(CableTest, AnInterfaceThatAppearsOrVanishesLeavesTheOthersAlone) {
     });
 }
 
+// The session's farewells find no answer, which takes 5 s.
+TEST_F(CableTest, AnInterfaceThatVanishesUnderASessionEndsItOnce) {
+    OpenAndStart(handle);
+    ExpectWholeFromTheFirst(*camera, handle);
+    far->RemoveCable();
+    EXPECT_TRUE(Discover().empty());
+    ASSERT_TRUE(WaitFor([] { return CloseEvents::count > 0; }));
+    EXPECT_EQ(CloseEvents::last, handle);
+    EXPECT_EQ(keloGetNextImage(handle, 0), nullptr);
+    far->LayCable();
+    EXPECT_EQ(Find(*camera), handle);
+    OpenAndStart(handle);
+    AcquisitionJudge judge(StreamOf(*camera));
+    ExpectWhole(handle, judge);
+    EXPECT_EQ(CloseEvents::count, 1);
+}
+
 TEST_F(CableTest, AnInterfaceThatComesBackBeforeTheNextDiscoveryIsNoLoss) {
     OpenAndStart(handle);
     AcquisitionJudge judge(StreamOf(*camera));

@@ -241,7 +241,7 @@ protected:
 };
 
 TEST_P(LateReplies, AreNeverTakenForTheAnswerToAnotherRequest) {
-    const auto& [name, delay_ms, attempts, expected] = GetParam();
+    const Lateness& late = GetParam();
     kelosim::Camera& camera = StartOne();
     const CAM_HANDLE handle = Find(camera);
     camera.SetRegister(REG_GAIN, 5);
@@ -249,7 +249,7 @@ TEST_P(LateReplies, AreNeverTakenForTheAnswerToAnotherRequest) {
     RepeatUntilInTime([&] {
         const size_t before = Discarded();
         camera.ClearRequests();
-        Delay(camera, delay_ms);
+        Delay(camera, late.delay_ms);
         uint32_t value = 0;
         const Stopwatch time;
         const KELO_API_STATUS status = keloGetRegisterInt(handle, REG_GAIN, &value);
@@ -262,12 +262,13 @@ TEST_P(LateReplies, AreNeverTakenForTheAnswerToAnotherRequest) {
         EXPECT_EQ(Get(handle, REG_EXPOSURETIME), 6u);
         const bool answered = status == KELO_STATUS_SUCCESS;
         EXPECT_EQ(value, answered ? 5u : 0u);
-        const milliseconds in_time = answered ? GivenUpAfter(static_cast<uint32_t>(attempts) - 1) +
-                                                    milliseconds(delay_ms) + milliseconds(100)
-                                              : GivenUpAfter(4) + milliseconds(100);
+        const milliseconds in_time = answered
+                                         ? GivenUpAfter(static_cast<uint32_t>(late.attempts) - 1) +
+                                               milliseconds(late.delay_ms) + milliseconds(100)
+                                         : GivenUpAfter(4) + milliseconds(100);
         if (took >= in_time) return false;
-        EXPECT_EQ(status, expected);
-        EXPECT_EQ(asked, attempts + 1);
+        EXPECT_EQ(status, late.status);
+        EXPECT_EQ(asked, late.attempts + 1);
         return true;
     });
 }

@@ -69,6 +69,12 @@ Sampler::Sampler(const std::string& path) : file_(std::fopen(path.c_str(), "we")
         "seconds,at_rest,resident_kb,heap_kb,descriptors,threads,steps,disturbed,images,"
         "reads,read_p50_us,read_p99_us,read_max_us,wait_p50_us,wait_p99_us,wait_max_us\n",
         file_);
+    // At once, so that the samples themselves do not make the heap grow.
+    constexpr size_t kRests = 8192;
+    constexpr size_t kLatencies = 4096;
+    rests_.reserve(kRests);
+    for (auto& values : latencies_)
+        values.reserve(kLatencies);
     thread_ = std::thread([this] { Run(); });
 }
 

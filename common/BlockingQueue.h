@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 // A bounded ring between ONE producer thread and ONE consumer thread at a time.
@@ -97,7 +98,8 @@ private:
 
     void Pop(T& item) {
         const uint64_t head = read_head;
-        item = storage[head];
+        // The slot gives up what it holds, for the ring goes round before it is used again.
+        item = std::move(storage[head]);
         {
             std::lock_guard lock(mutex_read_head);
             read_head = increment(head);

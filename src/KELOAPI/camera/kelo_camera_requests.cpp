@@ -131,7 +131,7 @@ KELO_API_STATUS KELOCamera::setRegisterConst(uint32_t reg_num, uint32_t value) {
 
 KELO_API_STATUS KELOCamera::readMemory(uint32_t start_reg_num, uint32_t& count, uint32_t values[]) {
     const kelo::TScopedLock lock(Mutex, "KELOCamera::readMemory");
-    const TResponse response = Request(control_protocol_timeouts_ms, nullptr, [&](uint32_t number) {
+    TResponse response = Request(control_protocol_timeouts_ms, nullptr, [&](uint32_t number) {
         const TMemReadCommand command{.header = MakeCommandHeader(VC_READMEMORY_COMMAND, number),
                                       .NL_address_0 = WireAddress(start_reg_num),
                                       .NL_number_of_registers = kelo_htonl(count)};
@@ -148,7 +148,9 @@ KELO_API_STATUS KELOCamera::readMemory(uint32_t start_reg_num, uint32_t& count, 
     // The camera's count decides, by design: the firmware's read-back relies on whole replies, and
     // callers offer room for 128 registers.
     count = response.Count;
-    std::copy_n(response.Values, count, values);
+    // A reply of another kind has a count and no values: zeros.
+    response.Values.resize(count);
+    std::copy_n(response.Values.begin(), count, values);
     SideEffectsOnMemChange(start_reg_num, count, values, false);
     return KELO_STATUS_SUCCESS;
 }

@@ -18,6 +18,7 @@ bool ParseMemoryRead(const void* data, size_t length, TResponse& response) {
         return false;
     }
     response.Count = count;
+    response.Values.resize(count);
     for (uint32_t i = 0; i < count; ++i) {
         response.Values[i] = kelo_ntohl(reply.NL_register_values[i]);
     }

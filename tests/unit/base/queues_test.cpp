@@ -1,5 +1,6 @@
 // The blocking ring, its wrapper and the flag that ends a wait.
 
+#include <memory>
 #include <type_traits>
 
 #include "BlockingQueue.h"
@@ -123,6 +124,18 @@ TEST(BlockingQueueTest, HeadsWrapAtTheCapacity) {
         EXPECT_EQ(std::pair(2 * i, 2 * i + 1), std::pair(first, second));
         EXPECT_EQ(0u, queue.pending()) << i;
     }
+}
+
+// A ring of a thousand slots would otherwise hold on to the last thousand items.
+TEST(BlockingQueueTest, APoppedSlotHoldsNothing) {
+    BlockingQueue<std::shared_ptr<int>> queue(4);
+    auto item = std::make_shared<int>(1);
+    const std::weak_ptr<int> observer = item;
+    queue.push_wait(item);
+    item.reset();
+    EXPECT_TRUE(queue.try_pop(item));
+    item.reset();
+    EXPECT_TRUE(observer.expired());
 }
 
 TEST(BlockingQueueTest, ResizeSetsTheCapacity) {

@@ -43,6 +43,14 @@ TEST_F(Intake, AMemoryReadReplyCarriesValues) {
     EXPECT_EQ(response.Values[2], 30u);
 }
 
+// Every open camera keeps a ring of 1,024 of them.
+TEST_F(Intake, AReplyTakesLittleRoomUnlessItHasValues) {
+    static_assert(sizeof(TResponse) <= 64);
+    Receive(Datagram(5, number, 1, {4, 0xCAFE}));
+    ASSERT_TRUE(Next(response));
+    EXPECT_EQ(response.Values.capacity(), 0u);
+}
+
 TEST_F(Intake, AMemoryReadErrorCarriesNoValuesWhateverItClaims) {
     Receive(Datagram(9, number, 2, {4, 500, 1}));
     ASSERT_TRUE(Next(response));

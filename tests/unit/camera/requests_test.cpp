@@ -263,6 +263,19 @@ TEST_F(Requests, AWriteReplyToAReadStoresNothing) {
     EXPECT_EQ(values[0], 4711u);
 }
 
+TEST_F(Requests, AWriteReplyWithACountThatFitsStoresZeros) {
+    fake.silent = true;
+    fake.on_request = [&](const SeenRequest& request) {
+        const Bytes reply = Datagram(11, request.number, 1, {0, 2});
+        camera.OnRcv(0, reply.data(), static_cast<int>(reply.size()), 0);
+    };
+    uint32_t count = 2;
+    uint32_t values[128] = {1, 2, 3};
+    EXPECT_EQ(camera.readMemory(100, count, values), KELO_STATUS_SUCCESS);
+    EXPECT_EQ(count, 2u);
+    EXPECT_THAT(std::span(values).first(3), ElementsAre(0, 0, 3));
+}
+
 TEST(RequestsWithoutATransport, FailAtOnce) {
     KELOCamera camera(nullptr, 1, TestCamInfo(), nullptr);
     const LogCapture log;

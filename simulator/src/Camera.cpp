@@ -445,6 +445,11 @@ CameraCounters Camera::Impl::counters() const {
     return counters;
 }
 
+std::vector<std::vector<uint8_t>> Camera::Impl::SentDatagrams(int stream) const {
+    std::lock_guard lock(mutex_);
+    return streams_.at(static_cast<size_t>(stream))->SentDatagrams();
+}
+
 std::vector<ControlRequest> Camera::Impl::Requests() const {
     std::lock_guard lock(mutex_);
     return {requests_.begin(), requests_.end()};
@@ -542,6 +547,9 @@ std::vector<uint8_t> Camera::FlashContents(uint32_t length) const {
 }
 CameraCounters Camera::counters() const {
     return impl_->counters();
+}
+std::vector<std::vector<uint8_t>> Camera::SentDatagrams(int stream) const {
+    return impl_->SentDatagrams(stream);
 }
 std::vector<ControlRequest> Camera::Requests() const {
     return impl_->Requests();

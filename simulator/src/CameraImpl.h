@@ -51,6 +51,7 @@ public:
     void SetImageCount(int stream, uint32_t images);
     std::vector<uint8_t> FlashContents(uint32_t length) const;
     CameraCounters counters() const;
+    std::vector<std::vector<uint8_t>> SentDatagrams(int stream) const;
     std::vector<ControlRequest> Requests() const;
     void ClearRequests();
     bool acquiring() const;

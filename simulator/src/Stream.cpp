@@ -1,6 +1,9 @@
 #include "Stream.h"
 
+#include <algorithm>
+#include <iterator>
 #include <stdexcept>
+#include <utility>
 
 #include <pthread.h>
 
@@ -62,6 +65,7 @@ void Stream::Start(const StreamPlan& plan) {
         aborted_ = false;
         ++acquisition_;
         images_made_ = 0;
+        sent_.clear();
         triggers_ = 0;
         next_due_ = Clock::now();
     }
@@ -128,6 +132,11 @@ StreamCounters Stream::counters() const {
     return counters_;
 }
 
+std::vector<std::vector<uint8_t>> Stream::SentDatagrams() const {
+    std::lock_guard lock(mutex_);
+    return sent_;
+}
+
 void Stream::Loop() {
     Lock lock(mutex_);
     while (WaitForNextImage(lock))
@@ -162,9 +171,7 @@ bool Stream::WaitForNextImage(Lock& lock) {
 }
 
 void Stream::FlushHeld() {
-    const SendTally tally = aborted_ ? SendTally{} : sender_->Flush(plan_.route);
-    counters_.packets += tally.packets;
-    counters_.bytes += tally.bytes;
+    if (!aborted_) Count(sender_->Flush(plan_.route));
     sender_.reset();
 }
 
@@ -189,7 +196,7 @@ void Stream::SendImage(Lock& lock) {
     const bool sent = plan.over_tcp ? SendTcpImage(*connection, frame_, header, *plan.faults, tally)
                                     : SendUdp(plan, header, tally);
     lock.lock();
-    FinishImage(header.image_number, sent, tally);
+    FinishImage(header.image_number, sent, std::move(tally));
     const bool last = acquisition == acquisition_ && acquiring_ && plan_.image_count != 0 &&
                       images_made_ >= plan_.image_count;
     if (last) acquiring_ = false;
@@ -204,18 +211,23 @@ void Stream::SendImage(Lock& lock) {
     lock.lock();
 }
 
-void Stream::FinishImage(uint32_t number, bool sent, const SendTally& tally) {
+void Stream::FinishImage(uint32_t number, bool sent, SendTally tally) {
     if (sent) ++counters_.images;
+    Count(std::move(tally));
+    counters_.last_image_number = number;
+}
+
+void Stream::Count(SendTally tally) {
     counters_.packets += tally.packets;
     counters_.bytes += tally.bytes;
     counters_.packets_dropped += tally.dropped;
-    counters_.last_image_number = number;
+    std::move(tally.datagrams.begin(), tally.datagrams.end(), std::back_inserter(sent_));
 }
 
 bool Stream::SendUdp(const StreamPlan& plan, const ImageHeader& header, SendTally& tally) {
     try {
         if (!sender_ || sender_address_ != plan.local_address) {
-            sender_ = std::make_unique<UdpImageSender>(plan.local_address);
+            sender_ = std::make_unique<UdpImageSender>(plan.local_address, config_.keep_sent);
             sender_address_ = plan.local_address;
         }
     } catch (const std::runtime_error& error) {

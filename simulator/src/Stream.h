@@ -56,6 +56,7 @@ public:
     // Whether an image is on its way or will be.
     bool active() const;
     StreamCounters counters() const;
+    std::vector<std::vector<uint8_t>> SentDatagrams() const;
 
 private:
     using Clock = std::chrono::steady_clock;
@@ -70,7 +71,8 @@ private:
     bool Pace(uint64_t bytes);
     // With the lock held.
     void FlushHeld();
-    void FinishImage(uint32_t number, bool sent, const SendTally& tally);
+    void FinishImage(uint32_t number, bool sent, SendTally tally);
+    void Count(SendTally tally);
 
     // Constant after construction.
     const uint8_t number_;
@@ -92,6 +94,7 @@ private:
     Clock::time_point next_due_;
     TcpConnectionPtr connection_;
     StreamCounters counters_;
+    std::vector<std::vector<uint8_t>> sent_;  // of this acquisition
 
     // Owned by the thread.
     std::vector<uint8_t> frame_;

@@ -21,7 +21,8 @@ constexpr uint32_t kMessagesPerBatch = 32;
 
 }  // namespace
 
-UdpImageSender::UdpImageSender(uint32_t address) : socket_(BindUnfragmented(address)) {
+UdpImageSender::UdpImageSender(uint32_t address, bool keeps_sent)
+    : socket_(BindUnfragmented(address)), keeps_sent_(keeps_sent) {
     // A batch should fit; what the system does not allow, it cuts down.
     const int size = 4 << 20;
     setsockopt(socket_.get(), SOL_SOCKET, SO_SNDBUF, &size, sizeof(size));
@@ -43,7 +44,8 @@ SendTally UdpImageSender::Send(std::span<const uint8_t> image, ImageHeader heade
     const uint32_t count = PacketCount(image.size(), PayloadSize(route.packet_size));
     if (count == 0) return {};
     header.all_packets = static_cast<uint16_t>(count);
-    const bool touched = !held_.empty() || route.packet_size > route.path_packet_size ||
+    const bool touched = keeps_sent_ || !held_.empty() ||
+                         route.packet_size > route.path_packet_size ||
                          TouchesImage(faults, header.stream, header.image_number);
     return touched ? SendWithFaults(image, header, route, faults, pacer)
                    : SendTruly(image, header, route, small_batches, pacer);
@@ -230,6 +232,7 @@ void UdpImageSender::SendDatagram(std::span<const uint8_t> datagram, const Route
         return;
     }
     ++tally.packets;
+    if (keeps_sent_) tally.datagrams.emplace_back(datagram.begin(), datagram.end());
     tally.bytes += datagram.size() > kImageHeaderSize ? datagram.size() - kImageHeaderSize : 0;
 }
 

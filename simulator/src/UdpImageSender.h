@@ -20,6 +20,7 @@ struct SendTally {
     uint64_t packets = 0;
     uint64_t bytes = 0;
     uint64_t dropped = 0;
+    std::vector<std::vector<uint8_t>> datagrams;  // what left, if it is to be kept
 };
 
 // Cuts images into datagrams and sends them. Used by one thread.
@@ -27,7 +28,7 @@ struct SendTally {
 // Datagrams leave in batches: many messages in one call, and where the kernel can segment
 // (UDP_SEGMENT), many datagrams in one message. Where it cannot, that is noticed once and each
 // message carries one datagram from then on. An image that faults touch goes out datagram by
-// datagram.
+// datagram, and so does one whose datagrams are to be kept.
 class UdpImageSender {
 public:
     struct Route {
@@ -39,7 +40,7 @@ public:
     using Pacer = std::function<bool(uint64_t bytes)>;
 
     // Binds to the address; throws std::runtime_error.
-    explicit UdpImageSender(uint32_t address);
+    explicit UdpImageSender(uint32_t address, bool keeps_sent = false);
 
     // header: of the first packet; its index and count are filled in here.
     SendTally Send(std::span<const uint8_t> image, ImageHeader header, const Route& route,
@@ -73,6 +74,7 @@ private:
     void WaitWritable() const;
 
     Fd socket_;
+    const bool keeps_sent_;
     bool segmentation_ = true;
     std::deque<Held> held_;
 

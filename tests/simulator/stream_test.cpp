@@ -312,6 +312,24 @@ TEST_F(StreamTest, ListedPacketsAreDroppedDuplicatedDelayedAndReordered) {
     EXPECT_TRUE(WaitFor([&] { return camera.counters().streams[0].packets_dropped == 1u; }));
 }
 
+TEST_F(StreamTest, KeepsWhatItHasSent) {
+    using Kind = PacketFault::Kind;
+    Faults faults;
+    faults.packets = {
+        {Kind::kDrop, 1, 1, {}}, {Kind::kDuplicate, 2, 0, {}}, {Kind::kDelay, 2, 6, {}}};
+    StreamConfig stream = Small(2);
+    stream.keep_sent = true;
+    Camera& camera = Run({stream}, faults);
+    for (int start = 0; start < 2; ++start) {
+        AcquireAll();
+        std::vector<std::vector<uint8_t>> received;
+        for (Bytes packet = images.Receive(); !packet.empty(); packet = images.Receive(20))
+            received.emplace_back(packet.begin(), packet.end());
+        EXPECT_EQ(received.size(), 14u);
+        EXPECT_EQ(camera.SentDatagrams(0), received);
+    }
+}
+
 TEST_F(StreamTest, DelayedPacketsLeaveAtTheEndOfTheAcquisition) {
     Faults faults;
     faults.packets = {{PacketFault::Kind::kDelay, 1, 6, {}}};

@@ -39,6 +39,8 @@ struct StreamConfig {
     uint8_t header_size = 0;
     // UDP: a limit on what leaves the camera, in bytes of image data; 0: none.
     double max_bytes_per_second = 0;
+    // UDP: whether Camera::SentDatagrams is to tell what left; costs the memory and the speed.
+    bool keep_sent = false;
 
     // What image number n of the stream consists of: its header and its pixels.
     std::vector<uint8_t> Frame(uint32_t number) const;
@@ -134,6 +136,9 @@ public:
     std::vector<uint8_t> FlashContents(uint32_t length) const;
 
     CameraCounters counters() const;
+    // What left on a stream that keeps it, since its latest start: every datagram as it was, in
+    // order.
+    std::vector<std::vector<uint8_t>> SentDatagrams(int stream) const;
     // The latest requests (at most 4096), oldest first.
     std::vector<ControlRequest> Requests() const;
     void ClearRequests();

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""What users install: package_test.py ROOT [TEST...], after scripts/package and a release build.
+"""What users install: package_test.py ROOT [TEST...], after scripts/package.
 
 Consumers outside the tree are built against an installed copy, against the Debian packages, and
 with the sources inside their own project. Needs root for unpacking packages.
@@ -15,7 +15,7 @@ import tempfile
 import unittest
 
 ROOT = pathlib.Path(sys.argv.pop(1)).resolve()
-BUILD = ROOT / "build/package"
+BUILD = ROOT / "build/release"
 HERE = ROOT / "tests/package"
 VERSION = re.search(r"project\(kelobase VERSION ([\d.]+)", (ROOT / "CMakeLists.txt").read_text())[1]
 MAJOR = VERSION.split(".")[0]

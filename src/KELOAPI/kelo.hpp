@@ -65,7 +65,7 @@ inline namespace v1 {
 
 /// What went wrong. A value: copying it costs no memory and cannot fail.
 struct Failure {
-    KELO_API_STATUS code = KELO_STATUS_ERROR;
+    KELO_API_STATUS code = KELO_STATUS_ERROR;      ///< never KELO_STATUS_SUCCESS
     const char* function = "";                     ///< of the C interface; static text
     std::optional<CAM_HANDLE> camera;              ///< none: not about one camera
     std::optional<std::uint32_t> register_number;  ///< of register and memory accesses
@@ -121,13 +121,17 @@ inline std::string Failure::text() const {
 /// A Failure as an exception. what() is Failure::text().
 class Error : public std::runtime_error {
 public:
+    /// Of what a Result carries.
     explicit Error(const Failure& failure)
         : std::runtime_error(failure.text()), failure_(failure) {}
 
+    /// The same as a value, and its parts.
+    /// @{
     const Failure& failure() const noexcept { return failure_; }
     KELO_API_STATUS code() const noexcept { return failure_.code; }
     const char* function() const noexcept { return failure_.function; }
     std::optional<CAM_HANDLE> camera() const noexcept { return failure_.camera; }
+    /// @}
 
 private:
     Failure failure_;
@@ -137,11 +141,17 @@ private:
 template <typename T>
 class [[nodiscard]] Result {
 public:
+    /// Made of what a function returns: a value or a failure.
+    /// @{
     Result(T value) : content_(std::in_place_index<0>, std::move(value)) {}
     Result(const Failure& failure) : content_(std::in_place_index<1>, failure) {}
+    /// @}
 
+    /// Whether there is a value.
+    /// @{
     bool has_value() const noexcept { return content_.index() == 0; }
     explicit operator bool() const noexcept { return has_value(); }
+    /// @}
 
     /// The value; throws Error if there is none.
     /// @{
@@ -186,11 +196,17 @@ private:
 template <>
 class [[nodiscard]] Result<void> {
 public:
+    /// Success, or a failure.
+    /// @{
     Result() = default;
     Result(const Failure& failure) : failure_(failure) {}
+    /// @}
 
+    /// Whether it is success.
+    /// @{
     bool has_value() const noexcept { return !failure_.has_value(); }
     explicit operator bool() const noexcept { return has_value(); }
+    /// @}
     /// Throws Error if this is a failure.
     void value() const {
         if (failure_) throw Error(*failure_);
@@ -209,12 +225,17 @@ private:
 template <typename T>
 class View {
 public:
+    /// @cond INSIDE
     using element_type = T;
     using value_type = std::remove_cv_t<T>;
     using iterator = T*;
+    /// @endcond
 
+    /// Of nothing, or of so many elements from an address on.
+    /// @{
     constexpr View() noexcept = default;
     constexpr View(T* data, std::size_t size) noexcept : data_(data), size_(size) {}
+    /// @}
     /// The elements of an array, a vector or the like.
     template <
         typename Container,
@@ -223,12 +244,15 @@ public:
     constexpr View(Container& container) noexcept
         : data_(std::data(container)), size_(std::size(container)) {}
 
+    /// As in std::span. Indices are not checked.
+    /// @{
     constexpr T* data() const noexcept { return data_; }
     constexpr std::size_t size() const noexcept { return size_; }
     constexpr bool empty() const noexcept { return size_ == 0; }
     constexpr T* begin() const noexcept { return data_; }
     constexpr T* end() const noexcept { return data_ + size_; }
     constexpr T& operator[](std::size_t index) const noexcept { return data_[index]; }
+    /// @}
 
     /// The elements from offset on, at most so many; empty behind the end.
     constexpr View subview(
@@ -250,10 +274,13 @@ using Bytes = View<const std::uint8_t>;
 struct Ipv4Address {
     std::uint32_t value = 0;  ///< host byte order: 192.168.1.5 is 0xC0A80105
 
+    /// As a number, or as it is written: Ipv4Address(192, 168, 1, 5).
+    /// @{
     constexpr Ipv4Address() noexcept = default;
     constexpr explicit Ipv4Address(std::uint32_t address) noexcept : value(address) {}
     constexpr Ipv4Address(std::uint8_t a, std::uint8_t b, std::uint8_t c, std::uint8_t d) noexcept
         : value(std::uint32_t{a} << 24 | std::uint32_t{b} << 16 | std::uint32_t{c} << 8 | d) {}
+    /// @}
 
     /// As in 192.168.1.5.
     std::string text() const {
@@ -261,6 +288,7 @@ struct Ipv4Address {
                std::to_string(value >> 8 & 0xFF) + '.' + std::to_string(value & 0xFF);
     }
 
+    /// @cond INSIDE
     friend constexpr bool operator==(Ipv4Address a, Ipv4Address b) noexcept {
         return a.value == b.value;
     }
@@ -268,6 +296,7 @@ struct Ipv4Address {
     friend constexpr bool operator<(Ipv4Address a, Ipv4Address b) noexcept {
         return a.value < b.value;
     }
+    /// @endcond
 };
 
 /// What a camera keeps when everything else about it changes.
@@ -282,6 +311,7 @@ struct MacAddress {
         return text;
     }
 
+    /// @cond INSIDE
     friend bool operator==(const MacAddress& a, const MacAddress& b) noexcept {
         return a.bytes == b.bytes;
     }
@@ -289,15 +319,16 @@ struct MacAddress {
     friend bool operator<(const MacAddress& a, const MacAddress& b) noexcept {
         return a.bytes < b.bytes;
     }
+    /// @endcond
 };
 
 /// A camera that a discovery found.
 struct CameraInfo {
-    CAM_HANDLE handle = 0;  ///< changes with the address
-    std::string description;
-    Ipv4Address address;
-    Ipv4Address subnet_mask;
-    MacAddress mac;
+    CAM_HANDLE handle = 0;    ///< changes with the address
+    std::string description;  ///< the camera's own words
+    Ipv4Address address;      ///< where it answers
+    Ipv4Address subnet_mask;  ///< of its network, as it thinks
+    MacAddress mac;           ///< tells one camera from another
 };
 
 // ---- Registers ------------------------------------------------------------------------------
@@ -370,10 +401,12 @@ struct StreamRegisters {
 /// and in which units they count, is in the camera's manual.
 namespace reg {
 
-using Number = Register<std::uint32_t>;
-using Flag = Register<bool>;
-using Ip = Register<Ipv4Address>;
+using Number = Register<std::uint32_t>;  ///< a number
+using Flag = Register<bool>;             ///< 0 or 1
+using Ip = Register<Ipv4Address>;        ///< an address or a subnet mask
 
+/// The register of this name in kelo_registers.h.
+/// @{
 inline constexpr Number sensor_width{REG_SENSORWIDTH};
 inline constexpr Number sensor_height{REG_SENSORHEIGHT};
 inline constexpr Number width{REG_WIDTH};
@@ -488,6 +521,7 @@ inline constexpr Number binning_framerate{REG_BINNING_FRAMERATE};
 inline constexpr Number binning_x{REG_BINNING_X};
 inline constexpr Number binning_y{REG_BINNING_Y};
 inline constexpr Number bus_access{REG_BUS_ACCESS};
+/// @}
 
 /// The registers of a stream, from 0.
 constexpr StreamRegisters stream(std::uint8_t number) noexcept {
@@ -509,7 +543,8 @@ class Acquisition;
 class Image;
 class ImageRange;
 
-/// Not for applications.
+/// @cond INSIDE
+// Not for applications.
 namespace detail {
 
 using Clock = std::chrono::steady_clock;
@@ -617,6 +652,7 @@ private:
 };
 
 }  // namespace detail
+/// @endcond
 
 // ---- Library --------------------------------------------------------------------------------
 
@@ -732,6 +768,7 @@ private:
     bool user_ = false;
 };
 
+/// @cond INSIDE
 namespace detail {
 
 // An open camera. Camera, Acquisition and Image share it; the last one closes it.
@@ -863,6 +900,7 @@ inline std::shared_ptr<Session> SessionDirectory::take(CAM_HANDLE handle, std::s
 }
 
 }  // namespace detail
+/// @endcond
 
 // ---- Images ---------------------------------------------------------------------------------
 
@@ -870,7 +908,9 @@ inline std::shared_ptr<Session> SessionDirectory::take(CAM_HANDLE handle, std::s
 struct DecodeStatus {
     int code = 0;  ///< see keloGetNextDecodedImage
 
+    /// The picture is what the camera coded.
     bool whole() const noexcept { return code == 1 || code == 2; }
+    /// The data makes no sense from some place on; what is in front of it is decoded.
     bool damaged() const noexcept { return code >= 3 && code <= 13; }
 };
 
@@ -879,6 +919,8 @@ struct DecodeStatus {
 /// empty: its data is, and its numbers are zero.
 class Image {
 public:
+    /// The other one is empty afterwards; an image that was here is given back.
+    /// @{
     Image(Image&& other) noexcept
         : session_(std::move(other.session_)),
           info_(std::exchange(other.info_, nullptr)),
@@ -893,6 +935,7 @@ public:
         timestamp_ = other.timestamp_;
         return *this;
     }
+    /// @}
     ~Image() { give_back(); }
 
     /// Gives the image back before its time. Does nothing to an empty one.
@@ -926,18 +969,24 @@ public:
 
     /// The camera's number of the image; wraps.
     std::uint32_t number() const noexcept { return info_ != nullptr ? info_->imageNumber : 0; }
+    /// Of the picture, in pixels.
+    /// @{
     std::uint16_t width() const noexcept {
         return info_ != nullptr ? info_->imageWidth : std::uint16_t{0};
     }
     std::uint16_t height() const noexcept {
         return info_ != nullptr ? info_->imageHeight : std::uint16_t{0};
     }
+    /// @}
     /// The low 8 bits of the stream's format register.
     std::uint8_t format() const noexcept {
         return info_ != nullptr ? info_->streamFormat : std::uint8_t{0};
     }
+    /// Whether try_decode makes a picture of it.
     bool run_length_coded() const noexcept { return format() == detail::kRunLengthFormat; }
+    /// Of header(), in bytes.
     std::uint8_t header_size() const noexcept { return keloGetHeaderSize(handle()); }
+    /// Where it came from.
     std::uint8_t stream() const noexcept { return stream_; }
     /// When this object took the image off the stream. The host's steady clock: images carry no
     /// time of the camera, unless its manual puts one into the header.
@@ -945,7 +994,9 @@ public:
 
     /// 0 for a whole image. Bytes that were lost are zeros in data().
     std::uint32_t bytes_lost() const noexcept { return losses().bytesLost; }
+    /// Whether every packet of it came.
     bool whole() const noexcept { return losses().errorFlag == 0; }
+    /// All that is known of what did not come.
     BufferStatistics losses() const noexcept {
         return info_ != nullptr ? info_->bufferStatistics : BufferStatistics{};
     }
@@ -1020,6 +1071,7 @@ public:
     /// Single pass.
     class Iterator {
     public:
+        /// @cond INSIDE
         using iterator_category = std::input_iterator_tag;
         using value_type = Image;
         using difference_type = std::ptrdiff_t;
@@ -1035,6 +1087,7 @@ public:
         void operator++(int) { range_->advance(); }
         friend bool operator==(const Iterator& it, Sentinel) { return it.at_end(); }
         friend bool operator!=(const Iterator& it, Sentinel end) { return !(it == end); }
+        /// @endcond
 
     private:
         friend class ImageRange;
@@ -1046,12 +1099,15 @@ public:
     /// Gives the next image, none when none came in time, or a failure.
     using Source = std::function<Result<std::optional<Image>>()>;
 
+    /// Made by Camera::stream and its like; of use for sources of your own.
     ImageRange(Source next, bool throws) : next_(std::move(next)), throws_(throws) {}
 
+    /// Waits for the first image.
     Iterator begin() {
         advance();
         return Iterator(this);
     }
+    /// Waits for nothing.
     Sentinel end() const noexcept { return {}; }
 
     /// Why the loop ended; none when no image came in time.
@@ -1082,6 +1138,8 @@ private:
 /// A running acquisition, stopped at the end of its life. Keeps its camera's session.
 class Acquisition {
 public:
+    /// The other one stops nothing any more; one that was here is stopped.
+    /// @{
     Acquisition(Acquisition&& other) noexcept = default;
     Acquisition& operator=(Acquisition&& other) noexcept {
         if (this != &other) {
@@ -1090,6 +1148,7 @@ public:
         }
         return *this;
     }
+    /// @}
     ~Acquisition() { stop(); }
 
     /// Stops before its time. Images that have been received stay. A camera that does not answer is
@@ -1110,6 +1169,7 @@ private:
 /// What a firmware run's progress function is given.
 class FirmwareProgress {
 public:
+    /// 0 to 100.
     int percent() const noexcept { return percent_; }
     /// Asks the run to end. Heeded until the camera has begun to write its flash.
     void abort() noexcept { aborted_ = true; }
@@ -1132,6 +1192,8 @@ private:
 /// there. What it throws is dropped.
 class Camera {
 public:
+    /// The other one may only be destroyed or assigned to.
+    /// @{
     Camera(Camera&& other) noexcept = default;
     Camera& operator=(Camera&& other) noexcept {
         if (this != &other) {
@@ -1140,12 +1202,16 @@ public:
         }
         return *this;
     }
+    /// @}
     ~Camera() { detach(); }
 
+    /// For functions of the C interface; not for keloCloseCamera.
     CAM_HANDLE handle() const noexcept { return session_->handle(); }
     /// What is known of it since the last discovery; fails when that did not find it.
+    /// @{
     Result<CameraInfo> try_info() const { return detail::camera_info(handle()); }
     CameraInfo info() const { return try_info().value(); }
+    /// @}
 
     /// False once the camera was closed or lost.
     bool is_open() const { return session_ != nullptr && !session_->ended(); }
@@ -1442,6 +1508,7 @@ private:
     std::shared_ptr<detail::Session> session_;
 };
 
+/// @cond INSIDE
 inline Result<Camera> Library::try_open(CAM_HANDLE handle,
                                         std::function<void(CAM_HANDLE)> on_close) const {
     const auto session = std::make_shared<detail::Session>(*this, handle);
@@ -1472,11 +1539,13 @@ inline Camera Library::open(const CameraInfo& camera,
     return try_open(camera.handle, std::move(on_close)).value();
 }
 
+/// @endcond
+
 // ---- A session that comes back --------------------------------------------------------------
 
 /// A break between two images of a stream, as ResilientSession reports it.
 struct Gap {
-    std::uint8_t stream = 0;
+    std::uint8_t stream = 0;  ///< where the images are missing
     /// Whether the camera was lost and opened again in between; else images were lost on the way.
     bool reconnected = false;
     std::uint32_t number_before = 0;  ///< of the last image that was taken
@@ -1486,8 +1555,8 @@ struct Gap {
     std::optional<std::uint32_t> images_missed;
     /// From the last image to the one that ends the gap, both as they were taken.
     std::chrono::steady_clock::duration duration{};
-    Ipv4Address address_before;
-    Ipv4Address address_after;
+    Ipv4Address address_before;  ///< of the camera
+    Ipv4Address address_after;   ///< another one if it moved
 };
 
 /// How a ResilientSession behaves.

@@ -8,6 +8,7 @@ include(CMakePackageConfigHelpers)
 set(KELO_PUBLIC_HEADERS
     src/KELOAPI/kelo_api.h
     src/KELOAPI/kelo.hpp
+    src/KELOAPI/kelo.hpp
     common/crc32.h
     common/kelo_common_defs.h
     common/kelo_registers.h

@@ -15,6 +15,7 @@ ABI_PACKAGES=(abigail-tools)
 BENCH_PACKAGES=("${BUILD_PACKAGES[@]}" libbenchmark-dev python3-matplotlib)
 COVERAGE_PACKAGES=("${BUILD_PACKAGES[@]}" gcovr)
 TIDY_PACKAGES=("${BUILD_PACKAGES[@]}" clang clang-tidy-14)
+CPPCHECK_PACKAGES=(git cppcheck)
 FORMAT_PACKAGES=(git clang-format-14)
 # The API reference, and what the tests of documents and of tools/wireshark look with.
 DOCS_PACKAGES=(git doxygen tshark)

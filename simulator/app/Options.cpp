@@ -96,8 +96,8 @@ HeaderLie ParseHeaderLie(const std::string& text) {
     uint32_t value = 0;
     const size_t at = text.find('@');
     if (!ParseField(text.substr(0, at), field, value)) Wrong("--lie", text, kForm);
-    std::vector<uint64_t> where;
     if (at != std::string::npos) {
+        std::vector<uint64_t> where;
         if (!ParseNumbers(text.substr(at + 1), 1, 2, where)) Wrong("--lie", text, kForm);
         lie.image = static_cast<uint32_t>(where[0]);
         if (where.size() > 1) lie.packet = static_cast<uint16_t>(where[1]);

@@ -346,8 +346,8 @@ void Camera::Impl::DoSetAddress(uint32_t address, uint32_t subnet_mask) {
         std::lock_guard lock(mutex_);
         rebind = powered_ && address != config_.address;
     }
-    if (rebind) OpenSockets(address);
     if (rebind) {
+        OpenSockets(address);
         for (const auto& stream : streams_)
             stream->Abort();
     }

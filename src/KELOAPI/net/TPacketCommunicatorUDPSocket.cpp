@@ -141,7 +141,7 @@ const char* TPacketCommunicatorUDPSocket::GetDescription() {
     // One text per thread: a shared one could change under its reader.
     thread_local std::array<char, 128> text;
     snprintf(text.data(), text.size(),
-             "[TPacketCommunicatorUDPSocket object (bound to %d.%d.%d.%d:%d)]", bind_ip >> 24,
+             "[TPacketCommunicatorUDPSocket object (bound to %u.%u.%u.%u:%d)]", bind_ip >> 24,
              (bind_ip >> 16) & 0xFF, (bind_ip >> 8) & 0xFF, bind_ip & 0xFF, GetSocketPort());
     return text.data();
 }

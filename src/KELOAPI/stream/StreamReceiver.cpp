@@ -84,7 +84,7 @@ void StreamReceiver::receive(const Packet& packet) {
         std::optional<Place> place = find(packet.image_number);
         if (!place) place = begin(packet);
         if (!place) return;
-        ReceivingBuffer& receiving = receiving_buffers[place->index];
+        const ReceivingBuffer& receiving = receiving_buffers[place->index];
         if (!isPacketNumberValid(packet, receiving.first.allPacketsAmount)) return;
 
         const uint32_t distance =

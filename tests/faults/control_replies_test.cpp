@@ -185,7 +185,7 @@ TEST_P(EveryStepOfASession, IsMadeGoodByRetries) {
         Lose(camera, step, 0);
         if (!in_time) return false;
         EXPECT_FALSE(camera.used());
-        EXPECT_FALSE(camera.acquiring());
+        EXPECT_TRUE(WaitFor([&] { return !camera.acquiring(); }));
         return true;
     });
 }

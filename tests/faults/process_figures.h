@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdlib>
 #include <string>
 
 namespace kelo::test {
@@ -18,6 +19,21 @@ int64_t ResidentKib();
 uint64_t DatagramsDropped(uint16_t local_port);
 // Bytes that wait in them.
 uint64_t BytesWaiting(uint16_t local_port);
+
+// ThreadSanitizer takes so long to begin a thread that a test with thousands of them takes a
+// minute.
+#if defined(__SANITIZE_THREAD__)
+inline constexpr bool kThreadsAreCostly = true;
+#elif defined(__has_feature)
+inline constexpr bool kThreadsAreCostly = __has_feature(thread_sanitizer);
+#else
+inline constexpr bool kThreadsAreCostly = false;
+#endif
+
+// Whether the long forms of tests are wanted, which the usual run leaves out.
+inline bool Long() {
+    return std::getenv("KELO_LONG_TESTS") != nullptr;
+}
 
 // Raises the limit of descriptors to what the system allows; whether that is at least so many.
 bool AllowDescriptors(uint64_t count);

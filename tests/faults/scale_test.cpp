@@ -62,6 +62,7 @@ protected:
 
 // A camera beyond the limit is there as soon as another one goes; the list never grows longer.
 TEST_F(Scale, ThousandCamerasAndOneMore) {
+    if (kThreadsAreCostly && !Long()) GTEST_SKIP() << "begins three thousand threads";
     if (!AllowDescriptors(kMost * kDescriptorsPerCamera))
         GTEST_SKIP() << "too few descriptors for so many cameras";
     StartMany(kMost + 1);

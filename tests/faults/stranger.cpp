@@ -1,6 +1,7 @@
 #include "stranger.h"
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstring>
 #include <stdexcept>
@@ -40,10 +41,42 @@ Stranger::~Stranger() {
     close(fd_);
 }
 
-void Stranger::Send(const Datagram& datagram, uint32_t address, uint16_t port) {
-    const sockaddr_in to = ToSockaddr(address, port);
-    (void)sendto(fd_, datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr*>(&to),
-                 sizeof(to));
+struct Stranger::Batch {
+    static constexpr size_t kSize = 64;
+
+    explicit Batch(const sockaddr_in& receiver) : to(receiver) {}
+
+    void Add(const uint8_t* data, size_t length) {
+        places[count] = {const_cast<uint8_t*>(data), length};
+        msghdr& header = messages[count].msg_hdr;
+        header = {};
+        header.msg_name = &to;
+        header.msg_namelen = sizeof(to);
+        header.msg_iov = &places[count];
+        header.msg_iovlen = 1;
+        ++count;
+    }
+    bool IsFull() const { return count == kSize; }
+    // Returns how many datagrams left.
+    size_t Send(int fd) {
+        const int sent = sendmmsg(fd, messages.data(), static_cast<unsigned>(count), 0);
+        count = 0;
+        return static_cast<size_t>(std::max(sent, 0));
+    }
+
+    sockaddr_in to;
+    size_t count = 0;
+    std::array<iovec, kSize> places{};
+    std::array<mmsghdr, kSize> messages{};
+};
+
+void Stranger::SendAll(const std::vector<Datagram>& datagrams, uint32_t address, uint16_t port) {
+    Batch batch(ToSockaddr(address, port));
+    for (const Datagram& datagram : datagrams) {
+        batch.Add(datagram.data(), datagram.size());
+        if (batch.IsFull()) batch.Send(fd_);
+    }
+    if (batch.count > 0) batch.Send(fd_);
 }
 
 Stranger::Datagram Stranger::Noise(size_t min, size_t max) {
@@ -68,8 +101,7 @@ uint64_t Stranger::EndFlood() {
 // In batches, so that the rate can be kept up.
 void Stranger::Flood(sockaddr_in to, double per_second) {
     using Clock = std::chrono::steady_clock;
-    std::array<iovec, kBatch> places{};
-    std::array<mmsghdr, kBatch> messages{};
+    Batch batch(to);
     const auto begin = Clock::now();
     while (!flood_ends_) {
         const double seconds = std::chrono::duration<double>(Clock::now() - begin).count();
@@ -77,19 +109,12 @@ void Stranger::Flood(sockaddr_in to, double per_second) {
             std::this_thread::sleep_for(std::chrono::microseconds(200));
             continue;
         }
-        for (size_t i = 0; i < kBatch; ++i) {
+        while (!batch.IsFull()) {
             const uint64_t word = chance_();
             const size_t length = word % kFloodBytesMax;
-            const size_t offset = (word >> 16) % (kSupply - length);
-            places[i] = {supply_.data() + offset, length};
-            messages[i].msg_hdr = {};
-            messages[i].msg_hdr.msg_name = &to;
-            messages[i].msg_hdr.msg_namelen = sizeof(to);
-            messages[i].msg_hdr.msg_iov = &places[i];
-            messages[i].msg_hdr.msg_iovlen = 1;
+            batch.Add(supply_.data() + (word >> 16) % (kSupply - length), length);
         }
-        const int sent = sendmmsg(fd_, messages.data(), kBatch, 0);
-        if (sent > 0) flooded_ += static_cast<uint64_t>(sent);
+        flooded_ += batch.Send(fd_);
     }
 }
 

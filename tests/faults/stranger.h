@@ -1,6 +1,5 @@
 #pragma once
 
-#include <array>
 #include <atomic>
 #include <cstdint>
 #include <random>
@@ -23,7 +22,10 @@ public:
     Stranger(const Stranger&) = delete;
     Stranger& operator=(const Stranger&) = delete;
 
-    void Send(const Datagram& datagram, uint32_t address, uint16_t port);
+    void Send(const Datagram& datagram, uint32_t address, uint16_t port) {
+        SendAll({datagram}, address, port);
+    }
+    void SendAll(const std::vector<Datagram>& datagrams, uint32_t address, uint16_t port);
 
     // Bytes of chance, min to max of them; a piece, somewhere, of a supply that is made once.
     Datagram Noise(size_t min, size_t max);
@@ -35,8 +37,10 @@ public:
     uint64_t EndFlood();
 
 private:
-    static constexpr size_t kBatch = 64;
     static constexpr size_t kSupply = 1 << 20;
+
+    // Pieces of the supply, or of datagrams, on their way to one receiver.
+    struct Batch;
 
     void Flood(sockaddr_in to, double per_second);
 

@@ -157,7 +157,7 @@ def run_session(build):
          "--source", "chart8", "--source", f"bytes:{TCP_IMAGE_BYTES}", "--tcp", "1",
          "--picture", f"{width}x{height}", "--images", str(IMAGES), "--packet", "drop:2:1",
          "--tcp-sync", "--path-packet-size", "1500", "--header-size", "0",
-         "--description", "Capture camera"],
+         "--description", "Capture camera", "--heartbeat-ms", "60000"],  # no keep-alive in between
         stdin=subprocess.PIPE, stdout=subprocess.PIPE)
     try:
         simulator.stdout.readline()  # the camera is there

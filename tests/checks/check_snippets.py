@@ -4,7 +4,8 @@
 Usage: check_snippets.py ROOT C_COMPILER CXX_COMPILER
 
 A block marked "c program" or "cpp program" is a file's text; of docs/guide.md the first one is put in
-front of everything. Other blocks marked "c" are statements, in which `camera` is a camera's handle.
+front of everything. Other blocks are statements: in C `camera` is a camera's handle, in C++ it is an
+open kelo::Camera, and `library` the kelo::Library.
 """
 import pathlib
 import re
@@ -32,10 +33,17 @@ def blocks(root):
         yield from (Block(document, text, match) for match in BLOCK.finditer(text))
 
 
+# What stands in front of statements, and what their function takes.
+FRAMES = {"c": ("", "CAM_HANDLE camera", "(void)camera;"),
+          "cpp": ('#include "kelo.hpp"\n#include <cstdio>\n', "const kelo::Library& library, kelo::Camera& camera",
+                  "(void)library; (void)camera;")}
+
+
 def as_function(number, block):
     document, line = block.place.rsplit(":", 1)
-    return (f"void snippet_{number}(CAM_HANDLE camera);\nvoid snippet_{number}(CAM_HANDLE camera) {{\n"
-            f'(void)camera;\n#line {line} "{document}"\n{block.code}}}\n')
+    _, parameters, uses = FRAMES[block.language]
+    head = f"void snippet_{number}({parameters})"
+    return f'{head};\n{head} {{\n{uses}\n#line {line} "{document}"\n{block.code}}}\n'
 
 
 def compile_text(text, language, compiler, root):
@@ -59,7 +67,7 @@ def main(root, c_compiler, cxx_compiler):
     errors = ""
     for language, compiler in compilers.items():
         statements = [block for block in found if block.language == language and not block.is_program]
-        text = front + "".join(as_function(number, block) for number, block in enumerate(statements))
+        text = front + FRAMES[language][0] + "".join(as_function(number, block) for number, block in enumerate(statements))
         errors += compile_text(text, language, compiler, root)
         for block in found:
             if block.is_program and block.language == language:

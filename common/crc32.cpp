@@ -46,6 +46,7 @@ uint32_t Crc32OfEight(uint32_t crc, const uint8_t* bytes) {
 }  // namespace
 
 uint32_t kelo_crc32(uint32_t crc, const uint8_t* buf, uint32_t len) {
+    if (buf == nullptr) return crc;
     for (; len >= kSlices; len -= kSlices, buf += kSlices)
         crc = Crc32OfEight(crc, buf);
     for (uint32_t i = 0; i < len; ++i)
@@ -63,6 +64,7 @@ uint32_t reflect(uint32_t value, int bits) {
 }
 
 uint16_t kelo_crc16(const uint8_t* buf, int len) {
+    if (buf == nullptr) return 0;
     uint32_t crc = 0;
     for (int i = 0; i < len; ++i) {
         crc ^= reflect(buf[i], 8) << 8;

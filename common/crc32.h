@@ -7,11 +7,12 @@
 
 /** Continues the CRC-32 of the reflected polynomial 0xEDB88320 over len bytes. Neither the start
  * value nor the result is inverted here, so that long inputs can be fed in pieces; for the usual
- * CRC-32 start at 0xFFFFFFFF and invert the last result. buf may be null when len is 0. */
+ * CRC-32 start at 0xFFFFFFFF and invert the last result. A null buf counts
+ * as len 0. */
 KELO_API uint32_t kelo_crc32(uint32_t crc, const uint8_t* buf, uint32_t len);
 
-/** CRC-16/ARC: polynomial 0x8005, start value 0, input and output reflected. A len of 0 or less
- * gives 0. */
+/** CRC-16/ARC: polynomial 0x8005, start value 0, input and output reflected. A len of 0 or less,
+ * or a null buf, gives 0. */
 KELO_API uint16_t kelo_crc16(const uint8_t* buf, int len);
 
 /** The lowest bits bits of value in reverse order; the other bits of the result are 0. Not

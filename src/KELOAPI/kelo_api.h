@@ -20,6 +20,9 @@
  *     192.168.1.5 is 0xC0A80105. Times are milliseconds.
  *  6. Close callbacks run one at a time on a thread of the library and may call back into it.
  *  7. No function throws.
+ *  8. A forked process begins without the library: its calls answer as before keloInit, which it
+ *     may call. Nothing that the library opens is inherited by another program. Signals may
+ *     interrupt its threads at any time, and an output that takes no log line does no harm.
  */
 #ifndef KELO_API_H
 #define KELO_API_H
@@ -48,8 +51,8 @@ typedef struct EXT_CAM_INFO {
 
 /** Starts the library: reads "ImagePacketCommunicatorOptions.txt" from the current directory if it
  * is there, and starts the receivers. A second call does nothing and succeeds.
- * KELO_STATUS_ERROR when the system refuses a thread, a socket or memory. Must not run beside any
- * other call. */
+ * KELO_STATUS_ERROR when the system refuses a thread or memory. A socket for images that is refused
+ * is tried for again by keloOpenCamera. Must not run beside any other call. */
 KELO_API KELO_API_STATUS keloInit(void);
 
 /** Closes every camera and stops every thread. Images and handles become invalid. Always

@@ -1,9 +1,13 @@
 #include "library.h"
 
+#include <atomic>
 #include <chrono>
+#include <exception>
 #include <mutex>
-#include <system_error>
+#include <new>
 #include <thread>
+
+#include <pthread.h>
 
 #include "utils.h"
 
@@ -19,30 +23,54 @@ namespace {
 constexpr auto kLeaveTimeMax = std::chrono::milliseconds(250);
 constexpr auto kLeavePoll = std::chrono::microseconds(200);
 
+using ManagerPtr = std::shared_ptr<KELOManager>;
+
 struct State {
     std::mutex mutex;
-    std::shared_ptr<KELOManager> manager;  // guarded by mutex
+    // Guarded by mutex.
+    ManagerPtr manager;
+    // Room for one more holder of the manager, made along with it: a release must not need memory.
+    std::unique_ptr<ManagerPtr> last_holder;
+
+    State* inherited = nullptr;  // what a forked process has from its parent
 };
 
 // Never destroyed: threads of the application may still call while the process exits.
+std::atomic<State*>& TheStatePointer() {
+    static std::atomic<State*> state = new State;
+    return state;
+}
+
 State& TheState() {
-    static auto* const state = new State;
-    return *state;
+    return *TheStatePointer();
+}
+
+// A forked process has none of the library's threads, and perhaps some of its locks: it begins
+// without the library, and never touches what belongs to its parent's cameras.
+void BeginAnewInForkedProcess() {
+    auto* const fresh = new (std::nothrow) State;
+    if (fresh == nullptr) return;
+    fresh->inherited = TheStatePointer().exchange(fresh);
+}
+
+void ForgetManagerInForkedProcesses() {
+    static const int registered = pthread_atfork(nullptr, nullptr, BeginAnewInForkedProcess);
+    (void)registered;
 }
 
 // For a release that a close callback calls: the manager waits for this very thread to end, so
 // another one has to take it down.
-void DestroyElsewhere(std::shared_ptr<KELOManager> manager) {
-    auto* const last = new std::shared_ptr<KELOManager>(std::move(manager));
+void DestroyElsewhere(std::unique_ptr<ManagerPtr> last_holder) {
+    ManagerPtr* const last = last_holder.release();
     try {
         std::thread([last] { delete last; }).detach();
-    } catch (const std::system_error&) {
+    } catch (const std::exception&) {
         // Without a thread to be had it stays as it is, out of reach of any call.
         kelo::Log("The library could not be taken down: no thread is to be had.\n");
     }
 }
 
-void WaitForCallsToLeave(const std::shared_ptr<KELOManager>& manager) {
+void WaitForCallsToLeave(const ManagerPtr& manager) {
     const auto deadline = std::chrono::steady_clock::now() + kLeaveTimeMax;
     const auto may_wait = [&] {
         return std::chrono::steady_clock::now() < deadline || manager->IsInCallback();
@@ -63,20 +91,27 @@ std::shared_ptr<KELOManager> CurrentManager() {
 void CreateManager() {
     State& state = TheState();
     const std::lock_guard lock(state.mutex);
-    if (state.manager == nullptr) state.manager = std::make_shared<KELOManager>();
+    if (state.manager != nullptr) return;
+    ForgetManagerInForkedProcesses();
+    auto last_holder = std::make_unique<ManagerPtr>();
+    state.manager = std::make_shared<KELOManager>();
+    state.last_holder = std::move(last_holder);
 }
 
 void DestroyManager() {
     State& state = TheState();
-    std::shared_ptr<KELOManager> manager;
+    ManagerPtr manager;
+    std::unique_ptr<ManagerPtr> last_holder;
     {
         const std::lock_guard lock(state.mutex);
         manager.swap(state.manager);
+        last_holder.swap(state.last_holder);
     }
     if (manager == nullptr) return;
     manager->BeginRelease();
     if (manager->IsCallbackThread()) {
-        DestroyElsewhere(std::move(manager));
+        *last_holder = std::move(manager);
+        DestroyElsewhere(std::move(last_holder));
         return;
     }
     WaitForCallsToLeave(manager);

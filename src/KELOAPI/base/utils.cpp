@@ -1,15 +1,19 @@
 #include "utils.h"
 
 #include <array>
+#include <chrono>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <thread>
 
 #include <execinfo.h>
 #include <pthread.h>
 #include <sys/prctl.h>
 #include <sys/time.h>
 #include <unistd.h>
+
+#include "SigpipeBlock.h"
 
 std::atomic<bool> log_enable{true};
 std::atomic<int> alog_counter{0};
@@ -39,6 +43,7 @@ void Logging(bool enable) {
 }
 
 void Log(const char* format, ...) {
+    const SigpipeBlock output_may_be_gone;
     if (amark_was_here.exchange(0) != 0) fputc('\n', stderr);
     const int number = ++alog_counter;
     if (log_enable) {
@@ -59,7 +64,7 @@ void ShowMessage(StrArg title, StrArg text) {
 }
 
 void Sleep(int ms) {
-    if (ms > 0) usleep(static_cast<useconds_t>(ms) * 1000);
+    if (ms > 0) std::this_thread::sleep_for(std::chrono::milliseconds(ms));
 }
 
 void NameThisThread(const char* name) {

@@ -53,6 +53,7 @@ void Log(const char* format, ...) __attribute__((format(printf, 1, 2)));
 // One log line "title: text".
 void ShowMessage(StrArg title, StrArg text);
 
+// A signal does not cut it short.
 void Sleep(int ms);
 
 // Names the calling thread for debuggers and system tools; at most 15 characters.
@@ -63,10 +64,11 @@ void NameThisThread(const char* name);
 void WakeThisThreadOnTime();
 
 // Locks a recursive mutex for its own lifetime. The text labels the place for whoever looks at the
-// process with a debugger.
+// process with a debugger. It is borrowed: a copy would need memory, and what closes a camera or
+// ends a run must not fail for want of it.
 class TScopedLock {
 public:
-    TScopedLock(std::recursive_mutex& mutex, const std::string& text) : Mutex(&mutex), Text(text) {
+    TScopedLock(std::recursive_mutex& mutex, StrArg text) : Mutex(&mutex), Text(text) {
         Mutex->lock();
     }
     ~TScopedLock() { Mutex->unlock(); }
@@ -75,7 +77,7 @@ public:
 
 private:
     std::recursive_mutex* Mutex;
-    std::string Text;
+    StrArg Text;
 };
 
 // Copies a wire record out of length bytes at data. What the bytes do not reach reads as zero, so

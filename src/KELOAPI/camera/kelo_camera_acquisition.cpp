@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "ScopedFlag.h"
+#include "SigpipeBlock.h"
 #include "kelo_registers.h"
 #include "manager_access.h"
 #include "stream_mask.h"
@@ -123,9 +124,12 @@ KELO_API_STATUS KELOCamera::ActivateAcquisition() {
     kelo::Sleep(kRetryPauseMs);
     // Printed also while logging is off, by design: without it nothing would tell why no image
     // comes.
-    printf("REG_ACQUISITIONSTART (%d) in the camera could not be activated!\n",
-           static_cast<int>(status));
-    fflush(stdout);
+    {
+        const kelo::SigpipeBlock output_may_be_gone;
+        printf("REG_ACQUISITIONSTART (%d) in the camera could not be activated!\n",
+               static_cast<int>(status));
+        fflush(stdout);
+    }
     StopAcquisition();
     return status;
 }

@@ -185,13 +185,15 @@ KELO_API_STATUS KELOCamera::FirmwareProgram(const std::shared_ptr<KELOCamera>& c
     kelo::Log("Started fw_program %s\n", path);
     // The camera is busy and must not be closed for a missing heartbeat.
     HeartbeatStop();
+    bool prepared = false;
     try {
         FWClient.StartProgramming(path, FW_EMBLEM_OFFSET);
+        prepared = true;
         FirmwareProgramAbortWanted = false;
         std::thread([camera] { camera->FirmwareProgramThreadFunc(); }).detach();
-    } catch (const std::exception& error) {
-        // Only a thread that the system refuses leaves a run behind that never begins.
-        if (dynamic_cast<const std::system_error*>(&error) != nullptr) {
+    } catch (const std::exception&) {
+        // A thread that is not to be had leaves a run behind that never begins.
+        if (prepared) {
             FWClient.CloseFileIfNeeded();
             FWClient.SetProgressError(R_ERROR);
         }

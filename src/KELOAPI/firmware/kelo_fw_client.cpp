@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "SigpipeBlock.h"
 #include "crc32.h"
 #include "utils.h"
 
@@ -273,7 +274,10 @@ TResult TKeloFWClient::ExtractReadData(const void* reply, int replyLength, const
     const auto* bytes = static_cast<const uint8_t*>(reply);
     uint32_t replyAddress = LoadWord(bytes);
     // A progress mark that the next one overwrites; it is no log line.
-    printf("\rFW:0x%X ", replyAddress);
+    {
+        const kelo::SigpipeBlock output_may_be_gone;
+        printf("\rFW:0x%X ", replyAddress);
+    }
     const TResult placed = PlaceReply(replyAddress);
     if (placed != R_OK) return placed;
     const uint32_t size = LoadWord(bytes + 4);

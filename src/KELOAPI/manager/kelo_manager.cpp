@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
-#include <system_error>
+#include <exception>
 
 #include "ImageStreamReceiverGeneric.h"
 #include "ImageStreamReceiverTcp.h"
@@ -32,7 +32,7 @@ KELOManager::KELOManager() : CallbackRequests(kCallbackQueueSlots) {
 }
 
 void KELOManager::ReadOptionsFile() {
-    const std::unique_ptr<FILE, int (*)(FILE*)> file(fopen(kOptionsFile, "r"), fclose);
+    const std::unique_ptr<FILE, int (*)(FILE*)> file(fopen(kOptionsFile, "re"), fclose);
     if (file == nullptr) return;
     std::array<char, kOptionsLineMax + 1> line{};
     if (fgets(line.data(), line.size(), file.get()) != nullptr) {
@@ -91,18 +91,19 @@ bool KELOManager::IsCallbackThread() const {
 }
 
 void KELOManager::RetireTransports() {
-    std::vector<std::shared_ptr<TPacketCommunicatorUDPSocket>> living;
+    // Taken over and not copied: the destructor, which calls this, must do without memory.
+    std::vector<std::weak_ptr<TPacketCommunicatorUDPSocket>> transports;
     {
         const std::lock_guard lock(mutex_communicators);
-        for (const auto& transport : all_transports) {
-            if (auto held = transport.lock()) living.push_back(std::move(held));
-        }
+        transports.swap(all_transports);
     }
     // All are told before the first is waited for: each takes a moment to notice.
-    for (const auto& transport : living)
-        transport->BeginRetire();
-    for (const auto& transport : living)
-        transport->Retire();
+    for (const auto& known : transports) {
+        if (const auto transport = known.lock()) transport->BeginRetire();
+    }
+    for (const auto& known : transports) {
+        if (const auto transport = known.lock()) transport->Retire();
+    }
 }
 
 std::shared_ptr<KELOCamera> KELOManager::FindHandle(CAM_HANDLE handle) {
@@ -139,12 +140,15 @@ int KELOManager::GetCameraList(std::vector<std::shared_ptr<KELOCamera>>& cameras
 }
 
 void KELOManager::CamerasClear() {
-    Sessions_t cameras;
+    TCameraMapList cleared;
     {
         const kelo::TScopedLock lock(CameraListMutex, "KELOManager::CamerasClear");
-        GetCameraList(cameras);
-        CameraMapList.clear();
+        cleared.swap(CameraMapList);
     }
+    Sessions_t cameras;
+    cameras.reserve(cleared.size());
+    for (auto& [handle, camera] : cleared)
+        cameras.push_back(std::move(camera));
     CloseSideBySide(cameras);
 }
 
@@ -157,12 +161,12 @@ void KELOManager::CloseSideBySide(Sessions_t& cameras) {
     };
     std::vector<std::thread> helpers;
     const size_t helpers_wanted = std::min(cameras.size(), kClosersMax);
-    helpers.reserve(helpers_wanted);
     try {
+        helpers.reserve(helpers_wanted);
         while (helpers.size() + 1 < helpers_wanted)
             helpers.emplace_back(close_some);
-    } catch (const std::system_error&) {
-        // With fewer threads it only takes longer.
+    } catch (const std::exception&) {
+        // With fewer threads, for want of them or of memory, it only takes longer.
     }
     close_some();
     for (auto& helper : helpers)

@@ -4,6 +4,7 @@
 #include <iostream>
 
 #include "NetworkInterfaces.h"
+#include "SigpipeBlock.h"
 #include "kelo_manager.h"
 #include "kelo_protocol.h"
 #include "utils.h"
@@ -126,6 +127,7 @@ void KELOManager::AddNew() {
             CameraMapList.emplace(
                 handle, std::make_shared<KELOCamera>(this, handle, info, transport.first));
         } catch (const std::exception& exception) {
+            const kelo::SigpipeBlock output_may_be_gone;
             std::cerr << "Exception (CameraMapList insert):" << exception.what() << '\n';
         }
     }

@@ -1,8 +1,21 @@
 #pragma once
 
+#include <cerrno>
 #include <utility>
 
+#include <fcntl.h>
 #include <unistd.h>
+
+// Moves a new descriptor away from the numbers of the standard streams, which an application may
+// have closed: a socket in their place would send the log lines to a camera. -1 stays -1.
+inline int AboveStandardStreams(int fd) {
+    if (fd < 0 || fd > STDERR_FILENO) return fd;
+    const int moved = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    const int error = errno;
+    ::close(fd);
+    errno = error;
+    return moved;
+}
 
 // Owns one file descriptor; -1 when it has none.
 class FileDescriptor {

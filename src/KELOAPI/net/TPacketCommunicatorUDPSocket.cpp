@@ -78,15 +78,21 @@ void TPacketCommunicatorUDPSocket::StartRxThread() {
     if (retired) return;
     {
         const std::lock_guard send_lock(mutex_send);
-        if (Socket == nullptr) OpenSocket();
+        if (Socket == nullptr || UDPStatus != UDPST_OK) OpenSocket();
     }
     if (UDPStatus != UDPST_OK) return;
     RxThreadStopWanted = false;
-    // Made here, where a want of memory can be reported.
-    const size_t messages = InBulk() ? kBulkMessages : 1;
-    auto batch =
-        std::make_unique<DatagramBatch>(messages, static_cast<size_t>(MaxPacketSize), merging);
-    RxThread = std::thread([this, batch = std::move(batch)] { RxThreadFunc(*batch); });
+    try {
+        // Made here, where a want of memory can be reported.
+        const size_t messages = InBulk() ? kBulkMessages : 1;
+        auto batch =
+            std::make_unique<DatagramBatch>(messages, static_cast<size_t>(MaxPacketSize), merging);
+        RxThread = std::thread([this, batch = std::move(batch)] { RxThreadFunc(*batch); });
+    } catch (...) {
+        // Nothing is received on this socket: the next start begins anew.
+        UDPStatus = UDPST_ERROR;
+        throw;
+    }
 }
 
 void TPacketCommunicatorUDPSocket::StopRxThread() {
@@ -130,8 +136,8 @@ ssize_t TPacketCommunicatorUDPSocket::Send(uint32_t ip, int port, const void* da
         kelo::ShowMessage("Bug?", "TPacketCommunicatorUDPSocket::Send");
         try {
             RestartSocket();
-        } catch (const std::system_error&) {
-            // No thread is to be had: the socket is open again, and sending goes on.
+        } catch (const std::exception&) {
+            // No thread or memory is to be had: the socket is open again, and sending goes on.
         }
         return -1;
     }

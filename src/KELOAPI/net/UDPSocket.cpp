@@ -27,11 +27,22 @@ sockaddr* Generic(sockaddr_in& address) {
     return reinterpret_cast<sockaddr*>(&address);
 }
 
+// A signal of the application must not lose a datagram: nobody would send a discovery again.
+template <typename Call>
+ssize_t UnlessInterrupted(Call call) {
+    ssize_t result = 0;
+    do {
+        result = call();
+    } while (result < 0 && errno == EINTR);
+    return result;
+}
+
 }  // namespace
 
 UDPSocket::UDPSocket(u16 port) : UDPSocket(INADDR_ANY, port) {}
 
-UDPSocket::UDPSocket(uint32_t ip, u16 port) : fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+UDPSocket::UDPSocket(uint32_t ip, u16 port)
+    : fd(AboveStandardStreams(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0))) {
     // A port that the system chooses must be this socket's alone: with address reuse allowed it may
     // choose one that another such socket has, and each would get half of the other's datagrams.
     // Once it is bound, reuse lets sockets on other addresses share the port on purpose.
@@ -109,12 +120,13 @@ bool UDPSocket::allowMerging() {
 }
 
 ssize_t UDPSocket::send(const void* data, size_t length) {
-    return ::send(fd.Get(), data, length, 0);
+    return UnlessInterrupted([&] { return ::send(fd.Get(), data, length, 0); });
 }
 
 ssize_t UDPSocket::sendto(const void* data, size_t length, uint32_t ip, uint16_t port) {
     const sockaddr_in address = MakeAddress(ip, port);
-    return ::sendto(fd.Get(), data, length, 0, Generic(address), sizeof(address));
+    return UnlessInterrupted(
+        [&] { return ::sendto(fd.Get(), data, length, 0, Generic(address), sizeof(address)); });
 }
 
 ssize_t UDPSocket::sendBroadcast(const void* data, size_t length, uint16_t port) {
@@ -122,7 +134,7 @@ ssize_t UDPSocket::sendBroadcast(const void* data, size_t length, uint16_t port)
 }
 
 ssize_t UDPSocket::sendmsg(const msghdr* message) {
-    return ::sendmsg(fd.Get(), message, 0);
+    return UnlessInterrupted([&] { return ::sendmsg(fd.Get(), message, 0); });
 }
 
 ssize_t UDPSocket::receive(void* buf, size_t len, uint32_t* ip, uint16_t* port) {

@@ -49,7 +49,18 @@ public:
     // The socket lives as long as this object.
     void Exit() override {}
 
-    bool InitCamera(uint32_t, uint8_t, uint32_t, uint16_t) override { return true; }
+    // A socket that was not to be had so far is tried for again: without one no image would ever
+    // arrive, of any camera.
+    bool InitCamera(uint32_t, uint8_t, uint32_t, uint16_t) override {
+        if (!PacketCommunicator) return true;
+        const std::lock_guard lock(mutex_transport);
+        if (PacketCommunicator->IsInitialized()) return true;
+        PacketCommunicator->StartRxThread();
+        if (!PacketCommunicator->IsInitialized()) {
+            kelo::Log("No socket for images can be had: no image can arrive over UDP.\n");
+        }
+        return true;
+    }
 
     void InitStream(uint32_t ip, uint8_t number, uint8_t streamFormat, uint8_t headerFormat,
                     uint32_t headerSize, uint32_t maxFrameSize) override {
@@ -201,4 +212,5 @@ private:
 
     Timer timer_finish_transfers;
     TPacketCommunicator::Ptr PacketCommunicator;  // made by Init
+    std::mutex mutex_transport;                   // held while its thread is started
 };

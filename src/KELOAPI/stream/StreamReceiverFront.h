@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <set>
 #include <utility>
 #include <vector>
@@ -19,19 +20,13 @@
 template <typename Receiver>
 class StreamReceiverFront : public IImageStreamReceiver {
 public:
+    // One after the other: a list of them would need memory, and a camera must be forgotten also
+    // when there is none.
     void ExitCamera(uint32_t ip) override {
-        std::vector<StreamPtr> removed;
-        {
-            const std::lock_guard lock(mutex_streams);
-            const auto first_removed = std::stable_partition(
-                streams.begin(), streams.end(),
-                [=](const StreamPtr& stream) { return stream->ip_address != ip; });
-            removed.assign(first_removed, streams.end());
-            streams.erase(first_removed, streams.end());
+        while (const StreamPtr removed = takeStreamOf(ip)) {
+            // Who waits for an image still holds the stream, and none will come any more.
+            removed->EndWaits();
         }
-        // Who waits for an image still holds the stream, and none will come any more.
-        for (const StreamPtr& stream : removed)
-            stream->EndWaits();
     }
 
     uint32_t GetPendingCount(uint32_t ip, uint8_t number) override {
@@ -77,7 +72,12 @@ public:
 
     void BeginClosing(uint32_t ip) override {
         const std::lock_guard lock(mutex_streams);
-        closing.insert(ip);
+        try {
+            closing.insert(ip);
+        } catch (const std::bad_alloc&) {
+            // The camera is closed without the mark: only who begins to wait meanwhile waits until
+            // the camera is forgotten.
+        }
         endWaits([=](const Receiver& stream) { return stream.ip_address == ip; });
     }
 
@@ -164,6 +164,18 @@ private:
         if (stream == nullptr || !stream->WaitsEnded() || isClosing(ip)) return stream;
         std::erase(streams, stream);
         return nullptr;
+    }
+
+    // Takes the first stream of the camera off the list; null when there is none.
+    StreamPtr takeStreamOf(uint32_t ip) {
+        const std::lock_guard lock(mutex_streams);
+        const auto found =
+            std::find_if(streams.begin(), streams.end(),
+                         [=](const StreamPtr& stream) { return stream->ip_address == ip; });
+        if (found == streams.end()) return nullptr;
+        StreamPtr taken = std::move(*found);
+        streams.erase(found);
+        return taken;
     }
 
     // With mutex_streams held, as endWaits.

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <exception>
 #include <memory>
+#include <span>
 #include <utility>
 
 #include <netinet/in.h>
@@ -25,6 +26,15 @@ constexpr int kReceiveTimeoutMs = 100;
 constexpr int kReceiveFailuresMax = 2;
 // What a peer claims to send is thrown away in pieces of this size, whatever the claim.
 constexpr size_t kTempBufferBytes = 65536;
+
+// A new connection has room for a few bytes: they go at once or not at all.
+bool sendAtOnce(int socket, std::span<const uint8_t> bytes) {
+    ssize_t count = 0;
+    do {
+        count = send(socket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    } while (count < 0 && errno == EINTR);
+    return count >= 0;
+}
 
 }  // namespace
 
@@ -63,7 +73,7 @@ void StreamReceiverTcp::ensureTcpConnection(uint16_t port) {
         kelo::Log("ensureTcpConnection(): connect TCP, attempt %d/%d\n", attempt, kConnectAttempts);
         TcpConnection connection = tcp_connect(ip_address, port);
         if (!connection.IsOpen()) continue;
-        if (send(connection.Get(), opening.data(), opening.size(), MSG_NOSIGNAL) >= 0) {
+        if (sendAtOnce(connection.Get(), opening)) {
             handOver(std::move(connection));
             return;
         }
@@ -81,7 +91,11 @@ bool StreamReceiverTcp::isConnectionUp() {
     // The system still takes a message for a peer that has closed. No image comes from such a peer:
     // the reader is about to notice.
     pollfd state{newest.Get(), POLLRDHUP, 0};
-    return poll(&state, 1, 0) == 0;
+    int ready = 0;
+    do {
+        ready = poll(&state, 1, 0);
+    } while (ready < 0 && errno == EINTR);
+    return ready == 0;
 }
 
 bool StreamReceiverTcp::is_tcp_connected(int socket, uint8_t stream) {
@@ -101,8 +115,8 @@ bool StreamReceiverTcp::is_tcp_connected(int socket, uint8_t stream) {
 
 TcpConnection StreamReceiverTcp::tcp_connect(uint32_t ip, uint16_t port) {
     kelo::Log("tcp_connect: Opening TCP socket...\n");
-    FileDescriptor socket(
-        ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP));
+    FileDescriptor socket(AboveStandardStreams(
+        ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP)));
     if (!socket.IsOpen()) {
         kelo::Log("tcp_connect: ERROR opening socket\n");
         return {};

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <csignal>
 #include <cstdio>
 #include <string_view>
 
@@ -231,6 +232,25 @@ TEST(SleepTest, SleepsAtLeastTheTimeGiven) {
     const auto begin = std::chrono::steady_clock::now();
     kelo::Sleep(15);
     EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(15));
+}
+
+TEST(SleepTest, ASignalDoesNotCutItShort) {
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    ASSERT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);
+    const pthread_t sleeper = pthread_self();
+    std::atomic<bool> done{false};
+    std::thread disturber([&] {
+        while (!done) {
+            pthread_kill(sleeper, SIGUSR1);
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    });
+    const auto begin = std::chrono::steady_clock::now();
+    kelo::Sleep(30);
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(30));
+    done = true;
+    disturber.join();
 }
 
 TEST(SleepTest, OfZeroReturnsAtOnce) {

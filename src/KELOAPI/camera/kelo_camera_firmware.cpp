@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <array>
 #include <stdexcept>
-#include <system_error>
 
 #include "kelo_camera.h"
 #include "kelo_registers.h"

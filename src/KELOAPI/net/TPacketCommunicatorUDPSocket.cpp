@@ -4,8 +4,8 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
+#include <exception>
 #include <stdexcept>
-#include <system_error>
 
 #include "DatagramBatch.h"
 #include "ReceptionPause.h"

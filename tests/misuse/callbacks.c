@@ -69,6 +69,9 @@ static void callback_closes(void) {
 }
 
 static void open_both(CAM_HANDLE camera) {
+    /* The new session is there to stay. */
+    camera_tell(0, CAMERA_SET_REGISTER, REG_HEARTBEAT_TIMEOUT, 100000);
+    camera_tell(0, CAMERA_SILENT, 0, 0);
     CHECK_EQUAL(KELO_STATUS_SUCCESS, keloOpenCamera(camera, on_close));
     CHECK_EQUAL(KELO_STATUS_SUCCESS, keloOpenCamera(other, on_close));
 }

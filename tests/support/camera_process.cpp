@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <mutex>
 #include <vector>
 
 #include <signal.h>
@@ -31,6 +32,7 @@ constexpr uint32_t kFirmwareBytes = 5u << 20;
 
 pid_t child = -1;
 int wire = -1;
+std::mutex one_at_a_time;  // guards the wire
 
 [[noreturn]] void Give(const char* what) {
     fprintf(stderr, "camera process: %s\n", what);
@@ -145,6 +147,7 @@ void camera_stop() {
 
 uint32_t camera_tell(int camera, camera_command command, uint32_t number, uint32_t value) {
     const Message message{.camera = camera, .command = command, .number = number, .value = value};
+    const std::lock_guard lock(one_at_a_time);
     if (send(wire, &message, sizeof(message), MSG_NOSIGNAL) != sizeof(message)) Give("no way");
     return Answer();
 }

@@ -38,7 +38,8 @@ void camera_enter_network(void);
 void camera_start(const camera_setup* setup);
 void camera_stop(void);
 
-/* Tells a camera, counted from 0, what to do, and returns when it is done, with what was asked. */
+/* Tells a camera, counted from 0, what to do, and returns when it is done, with what was
+ * asked. Any thread. */
 uint32_t camera_tell(int camera, camera_command command, uint32_t number, uint32_t value);
 
 uint32_t camera_address(int camera);

@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 
 #include "in_time.h"
+#include "json_number.h"
 #include "picture_files.h"
 #include "tool_fixture.h"
 
@@ -17,13 +18,6 @@ namespace {
 
 using testing::ElementsAre;
 using testing::StartsWith;
-
-// The value of a member that is a number, in a text of one JSON object; -1 when it is not there.
-double JsonNumber(const std::string& json, const std::string& key) {
-    const std::string quoted = "\"" + key + "\":";
-    const size_t found = json.find(quoted);
-    return found == std::string::npos ? -1 : std::strtod(&json[found + quoted.size()], nullptr);
-}
 
 class KeloGrab : public ToolTest {
 protected:

@@ -33,6 +33,7 @@ public:
     // Until the text is in the output, from the position on. False when it is not there after a
     // generous time or at the process's end.
     bool WaitForOutput(const std::string& text, size_t from = 0);
+    bool Ended();
     // Waits for the end; the exit code, or 128 and the number of the signal that ended it, or -1
     // when it does not end.
     int Wait();
@@ -41,7 +42,6 @@ private:
     void OpenPipes(int (&child)[3]);
     void OpenTerminal(int (&child)[3]);
     void Drain();
-    bool Ended();
 
     pid_t pid_ = -1;
     int input_ = -1;

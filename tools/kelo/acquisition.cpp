@@ -31,9 +31,10 @@ Acquisition::~Acquisition() {
 void StreamTotals::Add(const BufferInfo& image, Clock::time_point now) {
     last_ = image.streamStatistics;
     last_time_ = now;
+    bytes_ += image.bufferStatistics.bytesReceived;
     if (images_ == 0) {
         first_time_ = now;
-        first_bytes_ = last_.bytesReceived;
+        first_bytes_ = image.bufferStatistics.bytesReceived;
     }
     ++images_;
     if (IsIncomplete(image)) ++incomplete_;
@@ -48,13 +49,13 @@ double StreamTotals::images_per_second() const {
 }
 
 double StreamTotals::bytes_per_second() const {
-    const auto bytes = static_cast<double>(last_.bytesReceived - first_bytes_);
+    const auto bytes = static_cast<double>(bytes_ - first_bytes_);
     return images_ < 2 || seconds() <= 0 ? 0 : bytes / seconds();
 }
 
 double StreamTotals::loss() const {
     const auto lost = static_cast<double>(last_.bytesLost);
-    const auto received = static_cast<double>(last_.bytesReceived);
+    const auto received = static_cast<double>(bytes_);
     return lost + received > 0 ? lost / (lost + received) : 0;
 }
 

@@ -55,7 +55,8 @@ inline bool IsIncomplete(const BufferInfo& image) {
 }
 
 // What came over one stream, told by the images that were taken. The counters of loss are the
-// library's own; rates are between the first image and the last.
+// library's own; bytes are those of the images, because it counts none of TCP streams. Rates are
+// between the first image and the last.
 class StreamTotals {
 public:
     using Clock = std::chrono::steady_clock;
@@ -63,6 +64,7 @@ public:
     void Add(const BufferInfo& image, Clock::time_point now);
 
     uint64_t images() const { return images_; }
+    uint64_t bytes() const { return bytes_; }
     uint64_t incomplete() const { return incomplete_; }
     const StreamStatistics& last() const { return last_; }
     Clock::time_point last_time() const { return last_time_; }
@@ -74,6 +76,7 @@ public:
 private:
     uint64_t images_ = 0;
     uint64_t incomplete_ = 0;
+    uint64_t bytes_ = 0;
     uint64_t first_bytes_ = 0;
     StreamStatistics last_{};
     Clock::time_point first_time_;

@@ -12,5 +12,7 @@ struct Context;
 // help.
 void AddListCommand(CLI::App& app, Context& context);
 void AddGrabCommand(CLI::App& app, Context& context);
+void AddStatsCommand(CLI::App& app, Context& context);
+void AddDoctorCommand(CLI::App& app, Context& context);
 
 }  // namespace kelotool

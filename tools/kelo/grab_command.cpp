@@ -289,7 +289,7 @@ void PrintJson(const Context& context, const Options& options, const Result& res
     json.Member("images_skipped", uint64_t{totals.last().imagesSkipped});
     json.Member("packets_lost", uint64_t{totals.last().missingPackets});
     json.Member("bytes_lost", uint64_t{totals.last().bytesLost});
-    json.Member("bytes_received", uint64_t{totals.last().bytesReceived});
+    json.Member("bytes_received", totals.bytes());
     json.Member("seconds", totals.seconds());
     json.Member("images_per_second", totals.images_per_second());
     json.Member("bytes_per_second", totals.bytes_per_second());

@@ -29,6 +29,8 @@ std::string Version() {
 void AddCommands(CLI::App& app, Context& context) {
     AddListCommand(app, context);
     AddGrabCommand(app, context);
+    AddStatsCommand(app, context);
+    AddDoctorCommand(app, context);
 }
 
 // The library writes to standard output, which is ours: it gets standard error with --log, else

@@ -4,7 +4,7 @@
 
 # What building, the tests and the demo need.
 BUILD_PACKAGES=(
-    g++ cmake ninja-build git python3 pkg-config ca-certificates iproute2
+    g++ cmake ninja-build git python3 pkg-config ca-certificates iproute2 nftables
     libgtest-dev libgmock-dev libpng-dev libcli11-dev
 )
 TSAN_PACKAGES=("${BUILD_PACKAGES[@]}" clang libclang-rt-14-dev)

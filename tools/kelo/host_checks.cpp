@@ -285,8 +285,9 @@ Findings CheckAddresses(const std::vector<EXT_CAM_INFO>& cameras,
     if (findings.empty()) {
         findings.push_back(
             {.check = "addresses",
-             .measured = Format("%zu camera%s, %zu interfaces, no clash", cameras.size(),
-                                cameras.size() == 1 ? "" : "s", interfaces.size())});
+             .measured = Format("%zu camera%s, %zu interface%s, no clash", cameras.size(),
+                                cameras.size() == 1 ? "" : "s", interfaces.size(),
+                                interfaces.size() == 1 ? "" : "s")});
     }
     return findings;
 }

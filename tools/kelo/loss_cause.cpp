@@ -101,7 +101,7 @@ std::vector<LossCause> FindLossCauses(const LossCounters& counted, uint64_t pack
             {{"network", rest,
               "lost before they reached this machine: the camera, a cable or a switch. A switch "
               "without flow control drops when the camera sends faster than the next link carries",
-              Format("ethtool -A %s rx on", card.name.c_str())},
+              card.loopback ? "" : Format("ethtool -A %s rx on", card.name.c_str())},
              rest});
     }
     std::stable_sort(suspects.begin(), suspects.end(), [](const Suspect& a, const Suspect& b) {

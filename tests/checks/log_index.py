@@ -4,7 +4,8 @@
 Usage: log_index.py ROOT
 
 Its index names, under a link to each section of docs/errors-and-logs.md, how that section's lines
-begin. A line that no beginning fits, or that is named under another section, fails.
+begin. A line that no beginning fits, or that is named under another section, fails. So does a check of
+`kelo doctor` that its table does not name.
 """
 import pathlib
 import re
@@ -34,6 +35,15 @@ def beginnings_by_section(text):
     return found
 
 
+def checks_of_doctor(root):
+    return set(re.findall(r'\.check = "([\w-]+)"', (root / "tools/kelo/host_checks.cpp").read_text()))
+
+
+def checks_in_table(text):
+    rows = re.search(r"^\| its check .*?\n\n", text, re.MULTILINE | re.DOTALL).group(0)
+    return set(re.findall(r"`([\w-]+)`", rows))
+
+
 def main(root):
     texts = texts_by_section((root / "docs/errors-and-logs.md").read_text())
     beginnings = beginnings_by_section((root / "docs/troubleshooting.md").read_text())
@@ -46,6 +56,9 @@ def main(root):
         problems += [f"{section}: no line begins with '{beginning}'" for beginning in given
                      if not any(line.startswith(beginning) for line in lines)]
     problems += [f"no section '{section}'" for section in beginnings if section not in texts]
+    doctor, table = checks_of_doctor(root), checks_in_table((root / "docs/troubleshooting.md").read_text())
+    if doctor != table or not doctor:
+        problems.append(f"checks of kelo doctor and the table: {sorted(doctor ^ table)}")
     if count < TEXTS_MIN:
         problems.append(f"only {count} texts found: the search is broken")
     if problems:

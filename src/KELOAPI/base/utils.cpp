@@ -9,6 +9,7 @@
 
 #include <execinfo.h>
 #include <pthread.h>
+#include <stdio_ext.h>
 #include <sys/prctl.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -43,10 +44,14 @@ void Logging(bool enable) {
 }
 
 void Log(const char* format, ...) {
-    const SigpipeBlock output_may_be_gone;
-    if (amark_was_here.exchange(0) != 0) fputc('\n', stderr);
+    const bool behind_mark = amark_was_here.exchange(0) != 0;
     const int number = ++alog_counter;
-    if (log_enable) {
+    const bool print = log_enable;
+    // To stand a lost reader takes system calls: none for a line that is not printed.
+    if (!behind_mark && !print && __fpending(stdout) == 0) return;
+    const SigpipeBlock output_may_be_gone;
+    if (behind_mark) fputc('\n', stderr);
+    if (print) {
         va_list arguments;
         va_start(arguments, format);
         // Held over both calls, so that no other thread's line falls in between.

@@ -17,6 +17,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "in_time.h"
 #include "kelo_registers.h"
 #include "kelosim/simulator.h"
 
@@ -154,7 +155,13 @@ TEST_F(Examples, Trigger) {
     EXPECT_TRUE(run.Has("failed at register 9999")) << run.text;
     EXPECT_TRUE(run.Has("image 1: 16000 bytes\nimage 2: 16000 bytes\nimage 3: 16000 bytes\n"))
         << run.text;
-    EXPECT_EQ(camera.counters().streams[0].images, 3u) << "one image for each trigger";
+    // A trigger whose answer comes late is written again, and counts again.
+    const auto requests = camera.Requests();
+    const auto triggers = std::count_if(requests.begin(), requests.end(), [](const auto& request) {
+        return request.register_number == REG_TRIGGERSOFTWARE;
+    });
+    EXPECT_GE(triggers, 3);
+    EXPECT_EQ(camera.counters().streams[0].images, static_cast<uint64_t>(triggers));
     EXPECT_EQ(camera.GetRegister(REG_EXPOSURETIME), 2000u);
     EXPECT_EQ(camera.GetRegister(REG_TRIGGERMODE), 0u) << "as before";
 }
@@ -225,7 +232,13 @@ TEST_F(Examples, Firmware) {
     kelosim::Camera& camera = StartOne(config);
     const auto image = kelosim::MakeFirmwareImage(kelosim::kMinFirmwareSize, 5);
     kelosim::WriteFirmwareFile(folder / "camera.bin", image);
-    const Outcome run = RunExample("example_firmware camera.bin");
+    Outcome run;
+    // An answer that comes too late leaves a hole in what is read back, and the run fails by
+    // design.
+    RepeatUntilInTime([&] {
+        run = RunExample("example_firmware camera.bin");
+        return !run.Has("keloFirmwareGetProgress failed");
+    });
     EXPECT_EQ(run.exit_code, 0) << run.text;
     EXPECT_TRUE(run.Has("100 % programmed\n")) << run.text;
     EXPECT_TRUE(run.Has("the camera is back, with version 2.3\n")) << run.text;

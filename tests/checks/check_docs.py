@@ -32,7 +32,7 @@ SHELL = ("sh", "indented")
 LANGUAGES = {"sh", "text", "c", "c program", "cpp", "cpp program", "cmake", "lua", "json", "mermaid",
              "python", "bash", "ini"}
 WORDS = {"not run": "reason", "run until": "pattern", "run with": "program"}
-BLOCK_SECONDS = 60
+BLOCK_SECONDS = 120  # for a machine that has much else to do
 # Packages that documents speak of and CI does not need; with the options that they are shown with.
 FOREIGN = {
     "apt": {"install"}, "apt-get": {"-y"}, "chrt": {"--rr", "--fifo", "--pid"}, "dumpcap": {"-i", "-s", "-f", "-w"},

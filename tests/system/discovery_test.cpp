@@ -72,6 +72,19 @@ TEST_F(Discovery, ASilentCameraIsDroppedAndItsOpenSessionReported) {
     EXPECT_FALSE(camera.used());
 }
 
+TEST_F(Discovery, ACameraWhoseAnswerComesWhenItsTransportIsGivenUpCanBeUsed) {
+    kelosim::Camera& camera = StartOne();
+    camera.UpdateFaults([](kelosim::Faults& faults) { faults.reply_delay_ms = 30; });
+    CAM_HANDLE handle = 0;
+    ASSERT_TRUE(WaitFor([&] {
+        handle = Among(Discover(4, 0), camera.address());
+        return handle != 0;
+    }));
+    EXPECT_EQ(Get(handle, REG_CAMERA_USED), 0u);
+    Open(handle);
+    EXPECT_TRUE(camera.used());
+}
+
 TEST_F(Discovery, AnOpenCameraStaysOpenOverADiscovery) {
     kelosim::Camera& camera = StartOne();
     EXPECT_TRUE(HoldsForADiscovery([&](uint32_t listen_ms) {

@@ -124,8 +124,11 @@ void KELOManager::AddNew() {
         const CAM_HANDLE handle = camhandleFromCamInfo(info);
         if (CameraMapList.contains(handle) || CameraMapList.size() >= kCamerasMax) continue;
         try {
+            // A reply that came when its transport had just been given up names none. A session
+            // without one could do nothing for as long as its camera answers unchanged.
+            auto usable = transport.first != nullptr ? transport.first : FindTransport(kAnyAddress);
             CameraMapList.emplace(
-                handle, std::make_shared<KELOCamera>(this, handle, info, transport.first));
+                handle, std::make_shared<KELOCamera>(this, handle, info, std::move(usable)));
         } catch (const std::exception& exception) {
             const kelo::SigpipeBlock output_may_be_gone;
             std::cerr << "Exception (CameraMapList insert):" << exception.what() << '\n';

@@ -11,6 +11,8 @@
 namespace kelo::test {
 namespace {
 
+constexpr const char* kNotHere = "the sanitizer owns malloc and operator new";
+
 // How far things must have come for a function to have something to do.
 enum class State { kNone, kStarted, kKnown, kOpen, kImages };
 
@@ -343,6 +345,7 @@ protected:
 };
 
 TEST_P(Memory, RefusedIsToldAndHarmless) {
+    if (!MemoryCanBeRefused()) GTEST_SKIP() << kNotHere;
     constexpr int kRequestsMax = 500;
     FirmwareFile();
     Reach(function.state);
@@ -402,6 +405,7 @@ protected:
 };
 
 TEST_F(MemoryOfDiscover, RefusedEndsTheProcessWithItsLineOrIsMadeGood) {
+    if (!MemoryCanBeRefused()) GTEST_SKIP() << kNotHere;
     constexpr int kRequestsMax = 500;
     int aborted = 0;
     for (const Extent extent : {Extent::kOne, Extent::kAllFromThere}) {
@@ -425,6 +429,7 @@ protected:
 };
 
 TEST_P(MemoryOfTheLibrary, ThreadsLoseWhatNeedsItAndGoOn) {
+    if (!MemoryCanBeRefused()) GTEST_SKIP() << kNotHere;
     ExpectToWork();
     {
         const NoMemoryForOthers none;

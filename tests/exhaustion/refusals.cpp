@@ -10,11 +10,18 @@
 #include <pthread.h>
 #include <sys/socket.h>
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define SANITIZER_OWNS_MALLOC 1
-#elif defined(__has_feature)
+// A sanitizer owns malloc. Of gcc's, which are shared libraries, operator new may be taken; clang
+// links its own into the executable, where there is room for one only.
+#if defined(__has_feature)
 #if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define SANITIZER_OWNS_MALLOC 1
+#define REFUSES_NOTHING 1
+#endif
+#endif
+#if !defined(REFUSES_NOTHING)
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define REFUSES_OPERATOR_NEW 1
+#else
+#define REFUSES_MALLOC 1
 #endif
 #endif
 
@@ -68,7 +75,7 @@ bool Interrupts(Interruptible function) {
     return interrupted;
 }
 
-bool RefusesMemory() {
+[[maybe_unused]] bool RefusesMemory() {
     if (others_get_none && !exempt) {
         ++others_refused;
         return true;
@@ -77,6 +84,14 @@ bool RefusesMemory() {
 }
 
 }  // namespace
+
+bool MemoryCanBeRefused() {
+#if defined(REFUSES_NOTHING)
+    return false;
+#else
+    return true;
+#endif
+}
 
 NoMemory::NoMemory(int nth, Extent extent) {
     memory_plan.Begin(nth, extent);
@@ -201,7 +216,7 @@ ssize_t sendto(int fd, const void* data, size_t size, int flags, const sockaddr*
 
 }  // extern "C"
 
-#if !defined(SANITIZER_OWNS_MALLOC)
+#if defined(REFUSES_MALLOC)
 
 extern "C" {
 
@@ -229,7 +244,7 @@ void* realloc(void* block, size_t size) {
 
 }  // extern "C"
 
-#else
+#elif defined(REFUSES_OPERATOR_NEW)
 
 void* operator new(size_t size) {
     void* block = kelo::test::RefusesMemory() ? nullptr : std::malloc(size);

@@ -5,6 +5,9 @@ namespace kelo::test {
 // How much is refused: one thing, or everything from there on.
 enum class Extent { kOne, kAllFromThere };
 
+// False with a sanitizer of clang's, which owns every way to memory.
+bool MemoryCanBeRefused();
+
 // For its own lifetime, the calling thread does not get the nth piece of memory, counted from 1,
 // that it asks for. With a sanitizer, which has an allocator of its own, that goes for operator new
 // only.

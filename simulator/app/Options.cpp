@@ -400,6 +400,7 @@ kelosim::ImageSourcePtr MakeSource(const std::string& text, const std::string& p
     unsigned width = 0;
     unsigned height = 0;
     char rest = 0;
+    // Five digits always fit: NOLINTNEXTLINE(cert-err34-c)
     const bool two = std::sscanf(picture.c_str(), "%5ux%5u%c", &width, &height, &rest) == 2;
     if (!two || width < 8 || height < 8 || width > 16384 || height > 16384) {
         Wrong("--picture", picture, "WIDTHxHEIGHT (8 to 16384 each)");

@@ -112,7 +112,8 @@ bool ReadCommands(kelosim::Simulator& simulator, std::string& pending) {
     const ssize_t got = read(STDIN_FILENO, bytes, sizeof(bytes));
     if (got <= 0) return false;
     pending.append(bytes, static_cast<size_t>(got));
-    for (size_t end; (end = pending.find('\n')) != std::string::npos; pending.erase(0, end + 1)) {
+    for (size_t end = 0; (end = pending.find('\n')) != std::string::npos;
+         pending.erase(0, end + 1)) {
         RunLine(simulator, pending.substr(0, end));
     }
     if (pending.size() > kMaxCommand) pending.clear();

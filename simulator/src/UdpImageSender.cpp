@@ -92,8 +92,8 @@ void UdpImageSender::BuildBatch(std::span<const uint8_t> image, ImageHeader head
         header.Store(headers_[i].data());
         const size_t offset = size_t{first + i} * payload;
         const size_t length = std::min<size_t>(payload, image.size() - offset);
-        // The kernel only reads what it sends.
         slices_[size_t{i} * 2] = {headers_[i].data(), kImageHeaderSize};
+        // The kernel only reads what it sends: NOLINTNEXTLINE(*-pro-type-const-cast)
         slices_[size_t{i} * 2 + 1] = {const_cast<uint8_t*>(image.data() + offset), length};
     }
     for (uint32_t i = 0; i < messages; ++i) {

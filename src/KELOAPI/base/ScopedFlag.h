@@ -5,7 +5,10 @@
 // Sets a flag for its own lifetime.
 class ScopedFlag {
 public:
-    explicit ScopedFlag(std::atomic<bool>& flag) : flag_(flag) { flag_ = true; }
+    explicit ScopedFlag(std::atomic<bool>& flag) : flag_(flag) {
+        // What the reference leads to is set: NOLINTNEXTLINE(*-prefer-member-initializer)
+        flag_ = true;
+    }
     ~ScopedFlag() { flag_ = false; }
     ScopedFlag(const ScopedFlag&) = delete;
     ScopedFlag& operator=(const ScopedFlag&) = delete;

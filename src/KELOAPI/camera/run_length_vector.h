@@ -14,6 +14,7 @@
 //  - its kind and length are computed from the token;
 //  - it takes as many stores as the longest short run needs. Those that a shorter one has no use
 //    for are moved to its end, and the bytes that they spill over are put back afterwards.
+// NOLINTNEXTLINE(cert-dcl59-cpp): nothing may be shared, see above
 namespace {
 
 // Vector: kWidth, kFillMax (the longest run that is not left to memset), Bytes; Load, Store,

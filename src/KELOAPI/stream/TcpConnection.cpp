@@ -50,7 +50,7 @@ void gracefullyCloseTcpSocket(int socket) {
     const FileDescriptor owned(socket);
     if (!owned.IsOpen()) return;
     shutdown(socket, SHUT_RDWR);
-    std::array<std::byte, 65536> scratch;
+    std::array<std::byte, 65536> scratch{};
     int reads = 0;
     while (reads < kFinalReadsMax &&
            recv(socket, scratch.data(), scratch.size(), MSG_DONTWAIT) >= 1) {

@@ -7,12 +7,13 @@
 #include <stdexcept>
 #include <string>
 
+#include "sanitizers.h"
 #include "system_fixture.h"
 
 namespace kelo::test {
 
 // What sanitizers cost: loads that are a matter of speed are made so much smaller.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(KELO_WITH_SANITIZER)
 inline constexpr uint32_t kSlowness = 10;
 #else
 inline constexpr uint32_t kSlowness = 1;

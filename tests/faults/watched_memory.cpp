@@ -21,20 +21,20 @@ bool IsWatched(void* block) {
     return size >= watched && size - watched <= kRoundedUpMax;
 }
 
-void* Allocate(size_t size) noexcept {
+[[maybe_unused]] void* Allocate(size_t size) noexcept {
     if (size >= refused_size.load(std::memory_order_relaxed)) return nullptr;
     void* block = std::malloc(size != 0 ? size : 1);
     if (block != nullptr && IsWatched(block)) ++blocks_in_use;
     return block;
 }
 
-void* AllocateOrThrow(size_t size) {
+[[maybe_unused]] void* AllocateOrThrow(size_t size) {
     void* block = Allocate(size);
     if (block == nullptr) throw std::bad_alloc();
     return block;
 }
 
-void Free(void* block) noexcept {
+[[maybe_unused]] void Free(void* block) noexcept {
     if (block != nullptr && IsWatched(block)) --blocks_in_use;
     std::free(block);
 }
@@ -59,6 +59,8 @@ WatchedMemory::Refusal::~Refusal() {
 }
 
 }  // namespace kelo::test
+
+#if !defined(KELO_WITH_THREAD_SANITIZER)
 
 // All of them: a sanitizer has its own, which must not be mixed with these.
 void* operator new(size_t size) {
@@ -91,3 +93,5 @@ void operator delete(void* block, const std::nothrow_t&) noexcept {
 void operator delete[](void* block, const std::nothrow_t&) noexcept {
     kelo::test::Free(block);
 }
+
+#endif

@@ -37,11 +37,24 @@ protected:
     static std::string Address(const kelosim::Camera& camera) {
         return kelosim::Ipv4Text(camera.address());
     }
-    // A search's time is what an answer may take; a machine that stands still for longer spoils it.
-    // Long enough for that, for commands that find what they name before it is over.
+    // For commands that end when they have found what they name: a time that no machine stands
+    // still for.
     static std::vector<std::string> Patiently(std::vector<std::string> arguments) {
         arguments.insert(arguments.end(), {"--timeout", "4000"});
         return arguments;
+    }
+    // For commands that listen for the whole time: briefly at first, and when the result does not
+    // hold because the machine stood still, for longer.
+    template <typename Holds>
+    static Result Search(std::vector<std::string> arguments, const Holds& holds) {
+        arguments.insert(arguments.end(), {"--timeout", "150"});
+        const Result quick = Kelo(arguments);
+        if (holds(quick)) return quick;
+        arguments.back() = "4000";
+        return Kelo(arguments);
+    }
+    static Result Search(const std::vector<std::string>& arguments) {
+        return Search(arguments, [](const Result& run) { return run.exit_code == 0; });
     }
 
     kelosim::Simulator simulator;

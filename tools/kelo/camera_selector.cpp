@@ -1,5 +1,6 @@
 #include "camera_selector.h"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <optional>
 
@@ -40,7 +41,9 @@ std::string Candidates(const std::vector<EXT_CAM_INFO>& cameras) {
         table.AddRow({HandleText(camera.camera_handle), AddressText(camera.camera_ip),
                       MacText(camera.camera_mac), Printable(Description(camera))});
     }
-    return table.Text();
+    std::string text = table.Text();
+    text.pop_back();
+    return text;
 }
 
 EXT_CAM_INFO TheOne(const std::vector<EXT_CAM_INFO>& cameras, const std::string& text) {
@@ -50,7 +53,7 @@ EXT_CAM_INFO TheOne(const std::vector<EXT_CAM_INFO>& cameras, const std::string&
     if (found.empty()) {
         throw CommandError(EXIT_NO_CAMERA, "no camera is \"" + Printable(text) + "\"",
                            "These answered:\n" + Candidates(cameras) +
-                               "If it needs longer, try a longer --timeout.");
+                               "\nIf it needs longer, try a longer --timeout.");
     }
     throw CommandError(EXIT_NO_CAMERA,
                        Format("%zu cameras are \"%s\"", found.size(), Printable(text).c_str()),
@@ -58,6 +61,10 @@ EXT_CAM_INFO TheOne(const std::vector<EXT_CAM_INFO>& cameras, const std::string&
 }
 
 }  // namespace
+
+void AddCameraArgument(CLI::App& command, std::string& camera) {
+    command.add_option("CAMERA", camera, CAMERA_HELP)->required();
+}
 
 CommandError NoCameraFound() {
     return CommandError(EXIT_NO_CAMERA, "no camera found",

@@ -16,6 +16,8 @@ namespace kelotool {
 // The text about CAMERA arguments in the helps.
 inline constexpr const char* CAMERA_HELP =
     "Handle, address, MAC or a part of the description that only this camera has";
+// The one CAMERA that most commands need.
+void AddCameraArgument(CLI::App& command, std::string& camera);
 
 // Those among the cameras that the text names. A handle (0x...), an address and a MAC name exactly
 // one thing; any other text is a description, or part of one in any case. A whole description goes

@@ -17,6 +17,15 @@ void Context::Say(const std::string& text) const {
     std::fflush(err);
 }
 
+void Context::Warn(const std::string& text) const {
+    Say("kelo: warning: " + text);
+}
+
+void Context::Print(const JsonWriter& text) const {
+    std::fprintf(out, "%s\n", text.Text().c_str());
+    std::fflush(out);
+}
+
 void AddGlobalOptions(CLI::App& app, Context& context) {
     const char* const group = "Options of every command";
     app.add_flag("--json", context.json, "Print JSON instead of text")->group(group);

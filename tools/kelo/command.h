@@ -15,6 +15,8 @@ class App;
 
 namespace kelotool {
 
+class JsonWriter;
+
 // What all subcommands share: the global options and where output goes. Made by main(), lives
 // longer than every subcommand.
 //
@@ -32,8 +34,12 @@ struct Context {
     std::function<int()> action;
 
     bool OutIsTerminal() const;
-    // One line to err, whatever the other options.
+    // One line to err.
     void Say(const std::string& text) const;
+    // The same, as a warning.
+    void Warn(const std::string& text) const;
+    // One line to out, at once.
+    void Print(const JsonWriter& text) const;
 };
 
 // Ends a subcommand: what went wrong, what to do next (may be empty) and how the process exits.

@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "camera_identity.h"
 #include "camera_selector.h"
 #include "commands.h"
 #include "interfaces.h"
@@ -22,11 +23,9 @@ void PrintTable(const Context& context, const std::vector<EXT_CAM_INFO>& cameras
     const auto interfaces = Interfaces();
     Table table({{"HANDLE"}, {"ADDRESS"}, {"MASK"}, {"MAC"}, {"NETWORK"}, {"DESCRIPTION"}});
     for (const EXT_CAM_INFO& camera : cameras) {
-        const Interface* reaching = FindReaching(interfaces, camera.camera_ip);
         table.AddRow({HandleText(camera.camera_handle), AddressText(camera.camera_ip),
                       AddressText(camera.camera_subnetmask), MacText(camera.camera_mac),
-                      reaching != nullptr ? reaching->name : "foreign subnet",
-                      Printable(Description(camera))});
+                      NetworkText(interfaces, camera), Printable(Description(camera))});
     }
     table.Print(context.out);
 }
@@ -38,19 +37,12 @@ void PrintJson(const Context& context, const std::vector<EXT_CAM_INFO>& cameras)
     json.BeginArray("cameras");
     for (const EXT_CAM_INFO& camera : cameras) {
         json.BeginObject();
-        const Interface* reaching = FindReaching(interfaces, camera.camera_ip);
-        json.Member("handle", HandleText(camera.camera_handle));
-        json.Member("address", AddressText(camera.camera_ip));
-        json.Member("mask", AddressText(camera.camera_subnetmask));
-        json.Member("mac", MacText(camera.camera_mac));
-        json.Member("description", Description(camera));
-        json.Member("reachable", reaching != nullptr);
-        if (reaching != nullptr) json.Member("interface", reaching->name);
+        WriteIdentity(json, camera, interfaces);
         json.EndObject();
     }
     json.EndArray();
     json.EndObject();
-    std::fprintf(context.out, "%s\n", json.Text().c_str());
+    context.Print(json);
 }
 
 int List(const Context& context) {

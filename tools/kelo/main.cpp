@@ -28,8 +28,16 @@ std::string Version() {
 
 void AddCommands(CLI::App& app, Context& context) {
     AddListCommand(app, context);
+    AddWatchCommand(app, context);
+    AddInfoCommand(app, context);
+    AddRegistersCommand(app, context);
+    AddGetCommand(app, context);
+    AddSetCommand(app, context);
+    AddMemoryCommand(app, context);
+    AddSetIpCommand(app, context);
     AddGrabCommand(app, context);
     AddStatsCommand(app, context);
+    AddFirmwareCommand(app, context);
     AddDoctorCommand(app, context);
 }
 
@@ -45,6 +53,14 @@ void PointStandardOutput(bool to_error) {
     if (target < 0) return;
     dup2(target, STDOUT_FILENO);
     if (!to_error) close(target);
+}
+
+// "kelo memory read", as far as the command line was understood.
+std::string ParsedCommand(const CLI::App& app) {
+    std::string text = app.get_name();
+    for (const CLI::App* command : app.get_subcommands())
+        text += " " + ParsedCommand(*command);
+    return text;
 }
 
 int RunAction(Context& context) {
@@ -79,8 +95,11 @@ int Main(int argc, char** argv) {
     AddCommands(app, context);
     try {
         app.parse(argc, argv);
+    } catch (const CLI::Success& help) {
+        return app.exit(help);
     } catch (const CLI::Error& error) {
-        return app.exit(error) == 0 ? EXIT_OK : EXIT_USAGE;
+        return Report(context, CommandError(EXIT_USAGE, error.what(),
+                                            "`" + ParsedCommand(app) + " --help` tells how."));
     }
     context.out = TakeStandardOutput();
     if (context.out == nullptr) {

@@ -57,3 +57,7 @@ file(MAKE_DIRECTORY "${PROJECT_BINARY_DIR}/man")
 kelo_install_tool(kelo-sim "${PROJECT_SOURCE_DIR}/simulator/app/kelo-sim.1")
 file(GLOB kelo_pages CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/tools/kelo/man/*.1")
 kelo_install_tool(kelo ${kelo_pages})
+if(TARGET kelo)
+    install(FILES tools/kelo/completion/kelo.bash RENAME kelo COMPONENT tools
+            DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions")
+endif()

@@ -123,7 +123,7 @@ TEST_F(KeloList, EveryKindOfNameFindsItsCamera) {
     });
     for (const std::string& name : {handle, std::string("127.0.0.11"),
                                     std::string("02-4B-7F-00-00-0b"), std::string("LEFT")}) {
-        const Result result = Kelo(Patiently({"get", name, "137", "--format", "hex"}));
+        const Result result = Search({"get", name, "137", "--format", "hex"});
         EXPECT_EQ(result.out, "0x7f00000b\n") << name << ": " << result.err;
     }
 }
@@ -160,7 +160,7 @@ TEST_F(KeloWatch, PrintsOneJsonObjectALine) {
 }
 
 TEST_F(KeloWatch, EndsByItselfWhenTold) {
-    const Result result = Kelo({"watch", "--timeout", "20", "--for", "0.1"});
+    const Result result = Kelo({"watch", "--timeout", "20", "--seconds", "0.1"});
     EXPECT_EQ(result.exit_code, 0);
     EXPECT_THAT(result.err, HasSubstr("No camera yet. Asked on: lo"));
 }

@@ -63,7 +63,7 @@ EXT_CAM_INFO TheOne(const std::vector<EXT_CAM_INFO>& cameras, const std::string&
 }  // namespace
 
 void AddCameraArgument(CLI::App& command, std::string& camera) {
-    command.add_option("CAMERA", camera, CAMERA_HELP)->required();
+    command.add_option("CAMERA", camera, CAMERA_HELP)->required()->type_name("");
 }
 
 CommandError NoCameraFound() {

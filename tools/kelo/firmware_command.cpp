@@ -216,7 +216,7 @@ void AddFirmwareCommand(CLI::App& app, Context& context) {
     CLI::App& command =
         AddCommand(app, context, TEXT, [&context, options] { return Firmware(context, *options); });
     AddCameraArgument(command, options->camera);
-    command.add_option("FILE", options->file, "The firmware file")->required();
+    command.add_option("FILE", options->file, "The firmware file")->required()->type_name("");
     command
         .add_option("--reboot-wait", options->reboot_wait_s,
                     "How long to wait for the camera's return; 120 unless given")

@@ -110,7 +110,8 @@ void AddGetCommand(CLI::App& app, Context& context) {
     AddCameraArgument(command, options->camera);
     command
         .add_option("REGISTER", options->registers, "Name, number or 0x...; as many as you like")
-        ->required();
+        ->required()
+        ->type_name("");
     AddFormatOption(command, options->format, "Print the bare values, one a line");
 }
 

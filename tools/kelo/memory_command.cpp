@@ -150,7 +150,9 @@ int WriteMemory(const Context& context, const Options& options) {
 
 void AddStart(CLI::App& command, Options& options) {
     AddCameraArgument(command, options.camera);
-    command.add_option("START", options.start, "First register: name, number or 0x...")->required();
+    command.add_option("START", options.start, "First register: name, number or 0x...")
+        ->required()
+        ->type_name("");
 }
 
 }  // namespace
@@ -163,6 +165,7 @@ void AddMemoryCommand(CLI::App& app, Context& context) {
     AddStart(read, *options);
     read.add_option("COUNT", options->count, "How many registers")
         ->required()
+        ->type_name("")
         ->check(CLI::Range(1u, 1u << 20).description(""));
     AddFormatOption(read, options->format, "How to print the values; hex unless given");
 
@@ -170,7 +173,8 @@ void AddMemoryCommand(CLI::App& app, Context& context) {
                                  [&context, options] { return WriteMemory(context, *options); });
     AddStart(write, *options);
     write.add_option("VALUE", options->values, "Integer, 0x... or float; as many as you like")
-        ->required();
+        ->required()
+        ->type_name("");
     AddFormatOption(write, options->format, "How the values are meant");
 }
 

@@ -70,7 +70,8 @@ void AddRegistersCommand(CLI::App& app, Context& context) {
     const auto options = std::make_shared<Options>();
     CLI::App& command = AddCommand(app, context, TEXT,
                                    [&context, options] { return Registers(context, *options); });
-    command.add_option("PART", options->part, "Only names with this part, in any case");
+    command.add_option("PART", options->part, "Only names with this part, in any case")
+        ->type_name("");
 }
 
 }  // namespace kelotool

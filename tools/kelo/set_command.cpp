@@ -116,7 +116,8 @@ void AddSetCommand(CLI::App& app, Context& context) {
     command
         .add_option("REGISTER=VALUE", options->assignments,
                     "Name, number or 0x...; integer, 0x... or float; as many as you like")
-        ->required();
+        ->required()
+        ->type_name("");
     AddFormatOption(command, options->format, "How the values are meant");
 }
 

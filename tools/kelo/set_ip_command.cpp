@@ -63,12 +63,17 @@ void CheckNobodyAnswers(const EXT_CAM_INFO& camera, uint32_t address) {
                        "Choose another address. If that host has gone since, --force goes on.");
 }
 
+AddressJudgement Judge(const EXT_CAM_INFO& camera, const Wanted& wanted,
+                       const std::vector<EXT_CAM_INFO>& others) {
+    auto judgement = JudgeAddress(camera, wanted.address, wanted.mask, Interfaces(), others);
+    if (judgement.errors.empty()) return judgement;
+    throw CommandError(EXIT_USAGE, judgement.errors.front(), "Nothing was changed.");
+}
+
 void Check(const Context& context, const EXT_CAM_INFO& camera, const Wanted& wanted, bool force) {
-    const auto judgement = JudgeAddress(camera, wanted.address, wanted.mask, Interfaces(),
-                                        Discover(context.timeout_ms));
-    if (!judgement.errors.empty()) {
-        throw CommandError(EXIT_USAGE, judgement.errors.front(), "Nothing was changed.");
-    }
+    // Most mistakes need no search to be seen.
+    (void)Judge(camera, wanted, {});
+    const auto judgement = Judge(camera, wanted, Discover(context.timeout_ms));
     for (const std::string& warning : judgement.warnings)
         context.Warn(warning);
     if (!force && wanted.address != camera.camera_ip) CheckNobodyAnswers(camera, wanted.address);
@@ -181,8 +186,10 @@ void AddSetIpCommand(CLI::App& app, Context& context) {
     CLI::App& command =
         AddCommand(app, context, TEXT, [&context, options] { return SetIp(context, *options); });
     AddCameraArgument(command, options->camera);
-    command.add_option("ADDRESS", options->address, "The new address")->required();
-    command.add_option("MASK", options->mask, "Its mask: 255.255.255.0 or /24")->required();
+    command.add_option("ADDRESS", options->address, "The new address")->required()->type_name("");
+    command.add_option("MASK", options->mask, "Its mask: 255.255.255.0 or /24")
+        ->required()
+        ->type_name("");
     command.add_flag("--yes,-y", options->yes, "Do not ask");
     command.add_flag("--force", options->force, "Even if somebody answers at the address");
     command

@@ -18,7 +18,7 @@ namespace {
 
 constexpr CommandText TEXT = {"watch", "Tell when cameras come, go and change",
                               "  kelo watch                   (until Ctrl-C)\n"
-                              "  kelo watch --for 60\n"
+                              "  kelo watch --seconds 60\n"
                               "  kelo watch --json            (one JSON object a line)\n"
                               "A camera has gone when two searches in a row did not find it."};
 
@@ -163,9 +163,10 @@ void AddWatchCommand(CLI::App& app, Context& context) {
     const auto options = std::make_shared<Options>();
     CLI::App& command = AddCommand(app, context, TEXT,
                                    [&context, options] { return WatchCameras(context, *options); });
-    command.add_option("--for", options->seconds, "End after so many seconds")
-        ->type_name("SECONDS")
-        ->check(CLI::PositiveNumber.description(""));
+    command.add_option("--seconds", options->seconds, "End after so long; 0: at Ctrl-C")
+        ->capture_default_str()
+        ->type_name("S")
+        ->check(CLI::NonNegativeNumber.description(""));
 }
 
 }  // namespace kelotool

@@ -109,9 +109,8 @@ TEST_F(KeloSetIp, RefusesWhatIsNoAddressOrNoMask) {
 
 TEST_F(KeloSetIp, TellsWhenTheCameraKeepsItsAddress) {
     // The simulated camera cannot take an address that its machine does not have.
-    const Result result = Run(Arguments("10.77.0.5", {"--yes", "--wait", "1"}));
-    EXPECT_THAT(result.err, HasSubstr("warning: no interface of this machine is in that subnet"),
-                4);
+    const Result result = Run(Arguments("10.77.0.5", {"--yes", "--wait", "1"}), 4);
+    EXPECT_THAT(result.err, HasSubstr("warning: no interface of this machine is in that subnet"));
     EXPECT_THAT(result.err, HasSubstr("did not take the address: it is still at 127.0.0.11"));
 }
 

@@ -61,7 +61,7 @@ _kelo_value() {
 _kelo_argument() {
     local position="$1"
     case "${command[*]}" in
-        list | watch | registers | doctor) ;;
+        list | watch | registers) ;;
         "memory read" | "memory write" | get | set)
             if ((position == 0)); then
                 _kelo_words "$(_kelo_cameras)"

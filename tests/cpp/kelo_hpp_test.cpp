@@ -327,6 +327,10 @@ TEST_F(CppTest, RunLengthImagesAreDecodedIntoAVector) {
         EXPECT_TRUE(image->decode(pixels, 8).damaged()) << "more than there is room for";
         EXPECT_EQ(pixels.size(), 8u);
         EXPECT_FALSE(image->try_decode(pixels, std::size_t{1} << 40));
+        pixels.assign(20000, 0xEE);
+        EXPECT_TRUE(image->decode(pixels, 16010).whole());
+        EXPECT_EQ(Copy(Bytes(pixels).subview(16000)), std::vector<uint8_t>(10, 0))
+            << "nothing of an earlier picture";
     }
 }
 
@@ -407,13 +411,16 @@ TEST_F(CppTest, TheCloseCallbackMayThrow) {
 TEST_F(CppTest, WhoTakesTheCallbackAwayWaitsUntilItHasReturned) {
     kelosim::Camera& simulated = StartOne();
     std::atomic<int> state{0};
+    std::atomic<bool> being_taken{false};
     Camera camera = Open(simulated, [&](CAM_HANDLE) {
         state = 1;
+        WaitFor([&] { return being_taken.load(); });
         std::this_thread::sleep_for(milliseconds(100));
         state = 2;
     });
     Lose(simulated, camera.handle());
     EXPECT_TRUE(WaitFor([&] { return state > 0; }));
+    being_taken = true;
     camera.on_close({});
     EXPECT_EQ(state, 2);
 }

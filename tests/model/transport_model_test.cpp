@@ -39,7 +39,7 @@
         const int MaxPacketSize = 16;                                                         \
         const int granted_buffer_bytes = 16;                                                  \
         bool merging = false;                                                                 \
-        enum { UDPST_OK } UDPStatus = UDPST_OK;                                               \
+        enum { UDPST_OK, UDPST_ERROR } UDPStatus = UDPST_OK;                                  \
         RecursiveMutex mutex_thread;                                                          \
         Thread RxThread;                                                                      \
         Atomic<bool> RxThreadStopWanted{false};                                               \

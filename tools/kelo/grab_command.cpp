@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "acquisition.h"
+#include "camera_identity.h"
 #include "camera_selector.h"
 #include "commands.h"
 #include "image_job.h"
@@ -274,8 +275,7 @@ void PrintJson(const Context& context, const Options& options, const Result& res
     const StreamTotals& totals = result.totals;
     JsonWriter json;
     json.BeginObject();
-    json.Member("handle", HandleText(result.camera.camera_handle));
-    json.Member("address", AddressText(result.camera.camera_ip));
+    WriteIdentity(json, result.camera, Interfaces());
     json.Member("stream", options.stream);
     json.Member("ended_by", EndText(result.end));
     json.Member("folder", options.folder);

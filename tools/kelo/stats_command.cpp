@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <memory>
 
+#include "camera_identity.h"
 #include "camera_selector.h"
 #include "commands.h"
 #include "json_writer.h"
@@ -242,8 +243,7 @@ void PutStream(JsonWriter& json, const WatchedStream& stream) {
     const auto reading = stream.Now();
     const StreamTotals& totals = reading.totals;
     json.BeginObject();
-    json.Member("handle", HandleText(stream.info().camera_handle));
-    json.Member("address", AddressText(stream.info().camera_ip));
+    WriteIdentity(json, stream.info(), Interfaces());
     json.Member("stream", unsigned{stream.stream()});
     json.Member("camera_lost", stream.Lost());
     json.Member("images", totals.images());

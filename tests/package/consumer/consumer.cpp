@@ -1,7 +1,7 @@
 // Starts and ends the library, and prints its version. Sends nothing.
-#include <kelo_api.h>
-
 #include <iostream>
+
+#include <kelo_api.h>
 
 int main() {
     const int version = keloGetVersion();
@@ -10,6 +10,7 @@ int main() {
         return 1;
     }
     keloRelease();
-    std::cout << (version >> 24) << '.' << (version >> 16 & 0xff) << '.' << (version & 0xffff) << '\n';
+    std::cout << (version >> 24) << '.' << (version >> 16 & 0xff) << '.' << (version & 0xffff)
+              << '\n';
     return 0;
 }

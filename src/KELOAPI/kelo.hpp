@@ -19,11 +19,11 @@
 ///  3. No copies. Image::data() is the memory that the library received the image into.
 ///  4. One image of a stream at a time: the next one can be had when the last one has been given
 ///     back. Asking earlier is an error.
-///  5. An image's memory ends early in three cases, in which Image::valid() turns false: the
-///     application calls Camera::close, the camera is lost, or a discovery does not find it
-///     unchanged. The last two come at any moment, and the library frees the memory without
-///     waiting for its readers. A program that discovers while it works on images should discover
-///     only with no image in hand.
+///  5. An image's memory ends early when the application calls Camera::close. When the camera is
+///     lost or a discovery does not find it unchanged, which may come at any moment, Image::valid()
+///     turns false as well, but what is being read stays where it is: until an image of the same
+///     stream of that camera is left behind in the same way, the stream is closed, or the library
+///     ends.
 ///  6. Threads. Different objects may be used from different threads. A Camera may be used from any
 ///     number of threads at once, but for moving, close and destruction. An Image, an Acquisition,
 ///     an ImageRange and a ResilientSession belong to one thread at a time.
@@ -1582,7 +1582,8 @@ struct ResilientOptions {
 /// Library::discover. A step that has begun (a search, an opening, a request that is tried again)
 /// is not cut short by a time-out.
 ///
-/// One thread at a time. When a camera is given up, its images that are still held become invalid.
+/// One thread at a time. When a camera is given up, its images that are still held become invalid,
+/// see convention 5.
 class ResilientSession {
 public:
     /// Does not connect; the first call of next() does.

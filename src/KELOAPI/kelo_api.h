@@ -14,6 +14,10 @@
  *     before KELO_STATUS_NO_RESPONSE.
  *  4. Images belong to the library. A handle from keloGetNextImage... and the data behind it stay
  *     valid until keloPopImage with that handle, keloClearBuffer, keloCloseCamera or keloRelease.
+ *     When the library gives a camera up by itself (it is lost, a discovery does not find it
+ *     unchanged, its address is set), the image that was handed out last stays readable as well:
+ *     until keloPopImage, which takes it also with the old handle, until the same stream is lost
+ *     or closed again, or until keloRelease. The images behind it are gone.
  *     Reception never drops an image because the application is slow: the backlog and its memory
  *     grow until images are popped.
  *  5. Streams are numbered from 0. IPv4 addresses are 32-bit numbers in host byte order:
@@ -193,7 +197,8 @@ KELO_API EXT_CAM_STATS keloGetCameraStats(CAM_HANDLE camera_id, void* image);
  * library and is valid as long as the image. Null for a null handle. */
 KELO_API unsigned char* keloGetImageData(IMAGE_BUFFER_HANDLE image);
 
-/** Bytes of image data that were received; -1 for a null handle. */
+/** Bytes of image data that were received; -1 for a null handle. Packets that came twice count
+ * twice, so it may exceed BufferInfo::bufferLength: never read more than that. */
 KELO_API int keloGetImageSize(IMAGE_BUFFER_HANDLE image);
 
 /** Bytes in front of the pixels, low 8 bits; 0 for a null handle. */

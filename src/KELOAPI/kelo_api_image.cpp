@@ -76,8 +76,12 @@ IMAGE_BUFFER_HANDLE keloGetNextDecodedImage(CAM_HANDLE camera_id, uint8_t stream
 }
 
 void keloPopImage(CAM_HANDLE camera_id, uint8_t streamNumber, void* Image) {
-    OnCamera(camera_id, [&](KELOCamera& camera) {
-        camera.PopImage(streamNumber, static_cast<TImageBuffer*>(Image));
+    (void)kelo::WithManager(false, [&](KELOManager& manager) {
+        // By then the handle of its camera may name nothing any more, or a new session.
+        if (manager.GiveBackLeftBehind(Image)) return true;
+        const auto camera = manager.FindHandle(camera_id);
+        if (camera != nullptr) camera->PopImage(streamNumber, static_cast<TImageBuffer*>(Image));
+        return true;
     });
 }
 

@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "CachedAllocator.h"
+#include "ImagesLeftBehind.h"
 #include "kelo_types.h"
 #include "model.h"
 #include "utils.h"

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -197,7 +198,9 @@ inline kelosim::CameraConfig With(std::vector<kelosim::StreamConfig> streams) {
 // The bytes of an image, as the application sees them.
 inline std::vector<uint8_t> DataOf(IMAGE_BUFFER_HANDLE image) {
     const unsigned char* data = keloGetImageData(image);
-    return {data, data + keloGetImageSize(image)};
+    // What came twice counts twice, so the size may be larger than the memory.
+    const auto size = static_cast<uint32_t>(keloGetImageSize(image));
+    return {data, data + std::min(size, static_cast<const BufferInfo*>(image)->bufferLength)};
 }
 
 // Takes the next image of a stream off the queue; empty data when none came.

@@ -67,6 +67,20 @@ void CachedAllocator::deallocate(void* p) {
     mark_used(*block, false);
 }
 
+std::unique_ptr<unsigned char[]> CachedAllocator::give_up(const void* p) {
+    const std::lock_guard lock(mutex);
+    for (auto& bin : allocations) {
+        const auto block = std::find_if(bin.begin(), bin.end(),
+                                        [=](TaggedAddress tagged) { return get_ptr(tagged) == p; });
+        if (block == bin.end()) continue;
+        std::unique_ptr<unsigned char[]> given(get_ptr(*block));
+        bin.erase(block);
+        return given;
+    }
+    kelo::Log("CA:[give_up] WARNING give_up(0x%p) -> pointer not in current allocations!\n", p);
+    return nullptr;
+}
+
 void CachedAllocator::free_unused() {
     const std::lock_guard lock(mutex);
     for (auto& bin : allocations) {

@@ -3,6 +3,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <vector>
 
@@ -27,6 +28,9 @@ public:
 
     // Marks the block free for the next request. A foreign pointer only gets a log line.
     void deallocate(void* p);
+
+    // Gives a block up to the caller; null, with a log line, for a foreign pointer.
+    std::unique_ptr<unsigned char[]> give_up(const void* p);
 
     // Gives the memory of every free block back to the system.
     void free_unused();

@@ -224,7 +224,12 @@ void KELOCamera::EndSession(bool do_notify_the_app) {
         WithManager([&](KELOManager& manager) { manager.AddCallbackRequest(m_id, closeEvent); });
     }
     WithManager([&](KELOManager& manager) {
-        if (manager.IsImageStreamReceiverReady()) manager.ExitCamera(GetIP());
+        if (!manager.IsImageStreamReceiverReady()) return;
+        if (do_notify_the_app) {
+            manager.LoseCamera(GetIP());
+        } else {
+            manager.ExitCamera(GetIP());
+        }
     });
 }
 

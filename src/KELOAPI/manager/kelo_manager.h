@@ -100,6 +100,11 @@ public:
     uint16_t GetStreamPort();
     void InitCamera(uint32_t ip, uint8_t stream_count, uint32_t buffer_count, uint16_t tcp_port);
     void ExitCamera(uint32_t ip);
+    // The camera is given up without the application's asking: images in its hands stay until
+    // GiveBackLeftBehind.
+    void LoseCamera(uint32_t ip);
+    // False when it is no image of a lost camera.
+    bool GiveBackLeftBehind(const void* image);
     void BeginClosing(uint32_t ip);
     void EndClosing(uint32_t ip);
     void ResetStatistics(uint32_t ip);
@@ -164,6 +169,7 @@ private:
     TCameraMapList CameraMapList;  // guarded by CameraListMutex
     std::recursive_mutex CameraListMutex;
 
+    ImagesLeftBehind images_left_behind;
     std::unique_ptr<IImageStreamReceiver> imageStreamReceiver;  // UDP
     std::unique_ptr<IImageStreamReceiver> imageStreamReceiverTcp;
     std::unordered_map<StreamKey, IImageStreamReceiver*, StreamKeyHash> streamReceivers;

@@ -19,6 +19,16 @@ void KELOManager::InitCamera(uint32_t ip, uint8_t stream_count, uint32_t buffer_
 
 void KELOManager::ExitCamera(uint32_t ip) {
     ForEachReceiver([&](IImageStreamReceiver& receiver) { receiver.ExitCamera(ip); });
+    images_left_behind.Forget(ip);
+}
+
+void KELOManager::LoseCamera(uint32_t ip) {
+    ForEachReceiver(
+        [&](IImageStreamReceiver& receiver) { receiver.LoseCamera(ip, images_left_behind); });
+}
+
+bool KELOManager::GiveBackLeftBehind(const void* image) {
+    return images_left_behind.GiveBack(image);
 }
 
 void KELOManager::BeginClosing(uint32_t ip) {

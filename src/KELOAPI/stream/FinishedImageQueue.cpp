@@ -35,15 +35,32 @@ BufferInfo* FinishedImageQueue::GetImage(int timeout) {
     // The steady clock: setting the system's time must not lengthen a wait.
     const std::lock_guard one_at_a_time(get_image_mutex);
     std::unique_lock lock(finished_buffers_mutex);
-    if (!finished_buffers.empty()) return &finished_buffers.front();
-    if (timeout <= 0) return nullptr;
+    if (!finished_buffers.empty() || timeout <= 0) return HandOutFront();
 
     wake_getimage = false;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout);
     cv_wake_getimage.wait_until(lock, deadline, [this] { return wake_getimage || waits_ended; });
     wake_getimage = false;
     // The image that woke this call may have been cleared since.
-    return finished_buffers.empty() ? nullptr : &finished_buffers.front();
+    return HandOutFront();
+}
+
+// With finished_buffers_mutex held.
+BufferInfo* FinishedImageQueue::HandOutFront() {
+    if (finished_buffers.empty() || abandoned) return nullptr;
+    front_in_hand = true;
+    return &finished_buffers.front();
+}
+
+ImageInHand FinishedImageQueue::TakeImageInHand() {
+    ImageInHand image;
+    const std::lock_guard lock(finished_buffers_mutex);
+    abandoned = true;
+    if (!front_in_hand) return image;
+    front_in_hand = false;
+    image.record.splice(image.record.begin(), finished_buffers, finished_buffers.begin());
+    image.memory = ca.give_up(imageData(image.record.front()));
+    return image;
 }
 
 bool FinishedImageQueue::PopImage(BufferInfo* image) {
@@ -54,6 +71,7 @@ bool FinishedImageQueue::PopImage(BufferInfo* image) {
         kelo::Log("PopImage: corresponding image buffer was not found, popimage failed\n");
         return false;
     }
+    if (record == finished_buffers.begin()) front_in_hand = false;
     ca.deallocate(imageData(*record));
     finished_buffers.erase(record);
     return true;
@@ -64,6 +82,7 @@ void FinishedImageQueue::ClearBuffer() {
     for (const BufferInfo& image : finished_buffers)
         ca.deallocate(imageData(image));
     finished_buffers.clear();
+    front_in_hand = false;
 }
 
 void FinishedImageQueue::ResetStatistics() {

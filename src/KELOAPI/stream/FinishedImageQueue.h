@@ -7,6 +7,7 @@
 #include <mutex>
 
 #include "CachedAllocator.h"
+#include "ImagesLeftBehind.h"
 #include "kelo_types.h"
 
 // The finished images of one stream: the end that UDP and TCP reception share, and the base of both
@@ -41,6 +42,10 @@ public:
     void EndWaits();
     bool WaitsEnded() const { return waits_ended; }
 
+    // Takes out the image that GetImage returned last, unless it has been popped or cleared since.
+    // From then on GetImage returns null: what it gave would go with this queue.
+    ImageInHand TakeImageInHand();
+
 protected:
     FinishedImageQueue() = default;
     ~FinishedImageQueue();
@@ -63,7 +68,12 @@ private:
     std::atomic<bool> wake_getimage{false};  // set under finished_buffers_mutex
     std::atomic<bool> waits_ended{false};    // set under finished_buffers_mutex
     std::mutex get_image_mutex;              // held by GetImage for its whole run
-    std::list<BufferInfo> finished_buffers;  // guarded by finished_buffers_mutex; oldest first
+    // Guarded by finished_buffers_mutex.
+    std::list<BufferInfo> finished_buffers;  // oldest first
+    bool front_in_hand = false;              // GetImage has returned the oldest
+    bool abandoned = false;                  // TakeImageInHand was called
+
+    BufferInfo* HandOutFront();
 };
 
 // Clears the image's memory from begin up to end, as far as it goes.

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 
+#include "ImagesLeftBehind.h"
 #include "kelo_types.h"
 
 // The manager's only view of image reception: streams keyed by (camera address in host order,
@@ -47,6 +48,9 @@ public:
     virtual void EndClosing(uint32_t /*ip*/) {}
     // The library is being released: the same for every camera, for good.
     virtual void EndAllWaits() {}
+    // As ExitCamera, for a camera that the library gives up by itself: the image of each stream
+    // that the application has in its hands is left behind.
+    virtual void LoseCamera(uint32_t ip, ImagesLeftBehind& /*left_behind*/) { ExitCamera(ip); }
 };
 
 // Stands for the absence of a receiver of a kind: every operation does nothing.

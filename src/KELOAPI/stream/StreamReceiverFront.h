@@ -29,6 +29,13 @@ public:
         }
     }
 
+    void LoseCamera(uint32_t ip, ImagesLeftBehind& left_behind) override {
+        while (const StreamPtr removed = takeStreamOf(ip)) {
+            removed->EndWaits();
+            left_behind.Keep(ip, removed->stream_number, removed->TakeImageInHand());
+        }
+    }
+
     uint32_t GetPendingCount(uint32_t ip, uint8_t number) override {
         const StreamPtr stream = findStream(ip, number);
         return stream ? stream->GetPendingCount() : 0;

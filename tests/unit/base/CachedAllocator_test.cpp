@@ -274,6 +274,21 @@ TEST_F(CachedAllocatorTest, FreeUnusedReleasesExactlyTheFreeBlocks) {
     EXPECT_THAT(LinesOfDestruction(), ElementsAre());
 }
 
+TEST_F(CachedAllocatorTest, ABlockThatIsGivenUpOutlivesTheAllocator) {
+    unsigned char* block = allocator->allocate(16);
+    block[15] = 7;
+    const auto given = allocator->give_up(block);
+    EXPECT_EQ(given.get(), block);
+    {
+        const LogCapture log;
+        EXPECT_EQ(allocator->give_up(block), nullptr);
+        EXPECT_THAT(log.Lines(), ElementsAre("CA:[give_up] WARNING give_up" + Address(block) +
+                                             " -> pointer not in current allocations!"));
+    }
+    EXPECT_THAT(LinesOfDestruction(), ElementsAre());
+    EXPECT_EQ(block[15], 7);
+}
+
 TEST_F(CachedAllocatorTest, AnOddAddressIsRefused) {
     system.mode = Heap::Mode::kOdd;
     const LogCapture log;

@@ -221,15 +221,17 @@ class Runner:
         text = block.text
         if word == "run with":
             # The simulator ends with the block: it reads from a pipe that the shell holds.
-            text = (f"coproc simulator {{ {rest}; }}\nread -r -u ${{simulator[0]}}\n{text}\n"
+            text = (f"coproc simulator {{ exec {rest}; }}\nread -r -u ${{simulator[0]}}\n{text}\n"
                     "kill $simulator_PID\nwait $simulator_PID || true\n")
         with tempfile.TemporaryDirectory() as folder:
             self.folder_like_the_repository(folder)
             process = self.shell(text, folder)
-            stop = threading.Timer(BLOCK_SECONDS, lambda: os.killpg(process.pid, signal.SIGKILL))
+            late = threading.Event()
+            stop = threading.Timer(BLOCK_SECONDS, lambda: (late.set(), os.killpg(process.pid, signal.SIGKILL)))
             stop.start()
             try:
-                return self.follow(process, rest if word == "run until" else None)
+                problem = self.follow(process, rest if word == "run until" else None)
+                return f"did not end within {BLOCK_SECONDS} s\n{problem}" if late.is_set() else problem
             finally:
                 stop.cancel()
                 process.stdin.close()

@@ -212,7 +212,7 @@ protected:
     std::vector<uint32_t> Handles(const std::string& text) const {
         std::vector<uint32_t> handles;
         for (const EXT_CAM_INFO& camera : Matching(cameras, text))
-            handles.push_back(camera.camera_handle);
+            handles.push_back(uint32_t{camera.camera_handle});
         return handles;
     }
 };

@@ -189,8 +189,11 @@ namespace {
 
 void FindCameraClashes(const std::vector<EXT_CAM_INFO>& cameras, Findings& findings) {
     std::map<uint32_t, std::vector<const EXT_CAM_INFO*>> by_address;
-    for (const EXT_CAM_INFO& camera : cameras)
-        by_address[camera.camera_ip].push_back(&camera);
+    for (const EXT_CAM_INFO& camera : cameras) {
+        // A copy: the record is packed, and a map takes keys by reference.
+        const uint32_t address = camera.camera_ip;
+        by_address[address].push_back(&camera);
+    }
     for (const auto& [address, there] : by_address) {
         if (there.size() < 2) continue;
         std::string list;

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -62,17 +63,33 @@ static void* init(void* argument) {
     return argument;
 }
 
+/* The flags of an open descriptor as its status file tells them, O_CLOEXEC among them. What another
+ * thread is about to open or close is looked at from outside. */
+static int flags_of(int fd) {
+    char path[64];
+    int flags = -1;
+    snprintf(path, sizeof path, "/proc/self/fdinfo/%d", fd);
+    FILE* info = fopen(path, "re");
+    if (info == NULL) return -1;
+    if (fscanf(info, "pos: %*d flags: %o", (unsigned*)&flags) != 1) flags = -1;
+    fclose(info);
+    return flags;
+}
+
 /* Whether a descriptor that reads this file is open; 2 when another program would inherit it. */
 static int reads_file(const char* name) {
     struct stat file;
     CHECK_EQUAL(0, stat(name, &file));
     for (int fd = 0; fd < DESCRIPTORS_MAX; ++fd) {
+        char path[64];
         struct stat other;
-        if (fstat(fd, &other) != 0 || other.st_ino != file.st_ino || other.st_dev != file.st_dev) {
+        snprintf(path, sizeof path, "/proc/self/fd/%d", fd);
+        if (stat(path, &other) != 0 || other.st_ino != file.st_ino || other.st_dev != file.st_dev) {
             continue;
         }
-        if ((fcntl(fd, F_GETFL) & O_ACCMODE) != O_RDONLY) continue;
-        return (fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0 ? 1 : 2;
+        const int flags = flags_of(fd);
+        if (flags < 0 || (flags & O_ACCMODE) != O_RDONLY) continue;
+        return (flags & O_CLOEXEC) != 0 ? 1 : 2;
     }
     return 0;
 }

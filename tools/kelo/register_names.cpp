@@ -74,7 +74,9 @@ uint32_t ParseRegister(const std::string& text) {
 std::string NamesOf(uint32_t number) {
     std::string names;
     for (const RegisterName& entry : NAMES) {
-        if (entry.number == number) names += (names.empty() ? "" : "/") + std::string(entry.name);
+        if (entry.number != number) continue;
+        if (!names.empty()) names += '/';
+        names += entry.name;
     }
     return names;
 }

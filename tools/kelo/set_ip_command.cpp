@@ -120,7 +120,7 @@ bool IsThere(const EXT_CAM_INFO& camera, const Wanted& wanted) {
 EXT_CAM_INFO FindAgain(const Context& context, const EXT_CAM_INFO& camera, const Wanted& wanted,
                        uint32_t wait_s) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(wait_s);
-    std::optional<EXT_CAM_INFO> elsewhere;
+    std::string elsewhere;
     while (std::chrono::steady_clock::now() < end) {
         if (context.interrupt.Requested()) {
             throw CommandError(EXIT_INTERRUPTED,
@@ -128,17 +128,17 @@ EXT_CAM_INFO FindAgain(const Context& context, const EXT_CAM_INFO& camera, const
                                "again yet",
                                "`kelo list` shows where it is.");
         }
-        elsewhere.reset();
+        elsewhere.clear();
         for (const EXT_CAM_INFO& found : Discover(SEARCH_MS)) {
             if (!SameMac(found, camera)) continue;
             if (IsThere(found, wanted)) return found;
-            elsewhere = found;
+            elsewhere =
+                AddressText(found.camera_ip) + ", mask " + AddressText(found.camera_subnetmask);
         }
     }
-    if (elsewhere) {
-        throw CommandError(EXIT_REFUSED, "the camera did not take the address: it is still at " +
-                                             AddressText(elsewhere->camera_ip) + ", mask " +
-                                             AddressText(elsewhere->camera_subnetmask));
+    if (!elsewhere.empty()) {
+        throw CommandError(EXIT_REFUSED,
+                           "the camera did not take the address: it is still at " + elsewhere);
     }
     throw CommandError(EXIT_LOST, "the camera was told, but does not answer since",
                        "Look with `kelo watch`; switching it off and on may help.");

@@ -1,6 +1,5 @@
 // Starts and ends the library, and prints its version. Sends nothing.
 #include <iostream>
-
 #include <kelo.hpp>
 
 int main() {

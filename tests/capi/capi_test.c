@@ -10,28 +10,10 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "c_checks.h"
 #include "kelo_api.h"
 
-static int failures = 0;
-
-#define CHECK(condition)                                                            \
-    do {                                                                            \
-        if (!(condition)) {                                                         \
-            fprintf(stderr, "%s:%d: failed: %s\n", __FILE__, __LINE__, #condition); \
-            ++failures;                                                             \
-        }                                                                           \
-    } while (0)
-
-#define CHECK_EQUAL(expected, expression)                                              \
-    do {                                                                               \
-        const long long wanted_ = (long long)(expected);                               \
-        const long long given_ = (long long)(expression);                              \
-        if (wanted_ != given_) {                                                       \
-            fprintf(stderr, "%s:%d: %s is %lld instead of %lld\n", __FILE__, __LINE__, \
-                    #expression, given_, wanted_);                                     \
-            ++failures;                                                                \
-        }                                                                              \
-    } while (0)
+atomic_int failures = 0;
 
 static int threads_of_this_process(void) {
     int count = 0;

@@ -2,32 +2,9 @@
 #ifndef KELO_TEST_MISUSE_H
 #define KELO_TEST_MISUSE_H
 
-#include <stdatomic.h>
-#include <stdio.h>
-
+#include "c_checks.h"
 #include "camera_process.h"
 #include "kelo_api.h"
-
-extern atomic_int failures;
-
-#define CHECK(condition)                                                            \
-    do {                                                                            \
-        if (!(condition)) {                                                         \
-            fprintf(stderr, "%s:%d: failed: %s\n", __FILE__, __LINE__, #condition); \
-            ++failures;                                                             \
-        }                                                                           \
-    } while (0)
-
-#define CHECK_EQUAL(expected, expression)                                              \
-    do {                                                                               \
-        const long long wanted_ = (long long)(expected);                               \
-        const long long given_ = (long long)(expression);                              \
-        if (wanted_ != given_) {                                                       \
-            fprintf(stderr, "%s:%d: %s is %lld instead of %lld\n", __FILE__, __LINE__, \
-                    #expression, given_, wanted_);                                     \
-            ++failures;                                                                \
-        }                                                                              \
-    } while (0)
 
 typedef struct misuse_case {
     const char* name;

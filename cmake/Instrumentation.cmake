@@ -14,3 +14,11 @@ if(KELO_COVERAGE)
     add_compile_options(--coverage -fprofile-update=atomic)
     add_link_options(--coverage)
 endif()
+
+# For folders whose code is not what the sanitizers are to test: compiling it optimised and
+# instrumented takes longer than it saves when it runs.
+macro(kelo_compile_quickly_with_sanitizers)
+    if(KELO_SANITIZE)
+        add_compile_options(-O0)
+    endif()
+endmacro()

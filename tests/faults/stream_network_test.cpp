@@ -191,16 +191,23 @@ TEST_P(Loss, CostsExactlyWhatWasLost) {
     });
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Of, Loss,
-    testing::Values(Harm{"OnePerMille", Rates(0.001), 100}, Harm{"OnePercent", Rates(0.01)},
-                    Harm{"TenPercent", Rates(0.1)}, Harm{"HalfOfAll", Rates(0.5)},
-                    Harm{"Bursts",
-                         Bursts({{2, 10}, {3, 0}, {7, 30}, {8, 0}, {20, 14}, {21, 0}}, 14)},
-                    Harm{"ABurstThatTheWindowWaitsFor", Bursts({{2, 100}}, 300), 3, 1, 1000 * 1458},
-                    Harm{"ABurstLongerThanTheWindow", Bursts({{1, 100}}, 2060), 1, 1, 2200 * 1458},
-                    Harm{"EveryPacketOfSomeImages", WholeImages({2, 10, 11, 12, 30})}),
-    NameOf);
+std::vector<Harm> Losses() {
+    std::vector<Harm> rows = {
+        Harm{"OnePerMille", Rates(0.001), 100},
+        Harm{"OnePercent", Rates(0.01)},
+        Harm{"TenPercent", Rates(0.1)},
+        Harm{"HalfOfAll", Rates(0.5)},
+        Harm{"Bursts", Bursts({{2, 10}, {3, 0}, {7, 30}, {8, 0}, {20, 14}, {21, 0}}, 14)},
+        Harm{"ABurstThatTheWindowWaitsFor", Bursts({{2, 100}}, 300), 3, 1, 1000 * 1458},
+        Harm{"EveryPacketOfSomeImages", WholeImages({2, 10, 11, 12, 30})}};
+#if !defined(KELO_WITH_SANITIZER)
+    // A sanitizer slows the camera down so that its silence outlasts the reception's timer.
+    rows.push_back({"ABurstLongerThanTheWindow", Bursts({{1, 100}}, 2060), 1, 1, 2200 * 1458});
+#endif
+    return rows;
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, Loss, testing::ValuesIn(Losses()), NameOf);
 
 // Packets that all come, though not once and in order, cost nothing while they come before too much
 // else does. A repeated last packet, though, comes when its image is complete already, and begins

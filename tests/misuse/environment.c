@@ -43,8 +43,7 @@ static int count_descriptors(int inherited_only) {
 
 static CAM_HANDLE start_all_that_opens_descriptors(void) {
     const CAM_HANDLE camera = start_and_acquire();
-    camera_write_firmware(temporary_file());
-    CHECK_EQUAL(KELO_STATUS_SUCCESS, keloFirmwareProgram(camera, temporary_file()));
+    begin_firmware(camera, 0);
     return camera;
 }
 
@@ -134,6 +133,7 @@ static void exec_inherits_nothing(void) {
 static void check_child(pid_t child) {
     int status = 0;
     CHECK(child > 0);
+    if (child < 0) return; /* or the camera process would be waited for */
     CHECK_EQUAL(child, waitpid(child, &status, 0));
     CHECK(WIFEXITED(status));
     CHECK_EQUAL(0, WEXITSTATUS(status));
@@ -268,8 +268,7 @@ static void signals_at_1_khz(void) {
 static void signals_and_firmware(void) {
     const pthread_t signals = begin_signals();
     const CAM_HANDLE camera = start_and_open();
-    camera_write_firmware(temporary_file());
-    CHECK_EQUAL(KELO_STATUS_SUCCESS, keloFirmwareProgram(camera, temporary_file()));
+    begin_firmware(camera, 0);
     int percent = 0;
     KELO_API_STATUS status = KELO_STATUS_SUCCESS;
     WAIT_FOR((status = keloFirmwareGetProgress(camera, &percent)) != KELO_STATUS_SUCCESS ||

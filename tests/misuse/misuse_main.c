@@ -21,6 +21,11 @@ double now(void) {
     return (double)time.tv_sec + (double)time.tv_nsec / 1e9;
 }
 
+void fail_waiting(const char* file, int line, const char* condition) {
+    fprintf(stderr, "%s:%d: waited in vain: %s\n", file, line, condition);
+    ++failures;
+}
+
 void sleep_a_moment(void) {
     usleep(1000);
 }
@@ -43,22 +48,32 @@ const char* temporary_file(void) {
     return temporary;
 }
 
+void begin_firmware(CAM_HANDLE handle, int camera) {
+    camera_write_firmware(temporary_file());
+    camera_tell(camera, CAMERA_DELAY_REPLIES, 0, 1);
+    CHECK_EQUAL(KELO_STATUS_SUCCESS, keloFirmwareProgram(handle, temporary_file()));
+}
+
 int knows(CAM_HANDLE camera) {
     EXT_CAM_INFO info;
     return keloGetCameraInfo(camera, &info) == KELO_STATUS_SUCCESS;
 }
 
-static CAM_HANDLE discover_once(int camera) {
-    CAM_HANDLE found[8];
-    const int count = keloDiscover(found, 8, 20);
+CAM_HANDLE find_camera_among(const CAM_HANDLE* list, int count, int camera) {
     for (int i = 0; i < count; ++i) {
         EXT_CAM_INFO info;
-        if (keloGetCameraInfo(found[i], &info) == KELO_STATUS_SUCCESS &&
+        if (keloGetCameraInfo(list[i], &info) == KELO_STATUS_SUCCESS &&
             info.camera_ip == camera_address(camera)) {
-            return found[i];
+            return list[i];
         }
     }
     return 0;
+}
+
+static CAM_HANDLE discover_once(int camera) {
+    CAM_HANDLE found[8];
+    const int count = keloDiscover(found, 8, 20);
+    return find_camera_among(found, count, camera);
 }
 
 CAM_HANDLE find_camera(int camera) {

@@ -198,8 +198,7 @@ static void release_with_images_held(void) {
 
 static CAM_HANDLE start_firmware(void) {
     const CAM_HANDLE camera = start_and_open();
-    camera_write_firmware(temporary_file());
-    CHECK_EQUAL(KELO_STATUS_SUCCESS, keloFirmwareProgram(camera, temporary_file()));
+    begin_firmware(camera, 0);
     return camera;
 }
 

@@ -73,6 +73,10 @@ uint32_t Obey(kelosim::Camera& camera, const Message& message) {
         case CAMERA_SET_REGISTER:
             camera.SetRegister(message.number, message.value);
             return 0;
+        case CAMERA_DELAY_REPLIES:
+            camera.UpdateFaults(
+                [&](kelosim::Faults& faults) { faults.reply_delay_ms = message.value; });
+            return 0;
         case CAMERA_IS_USED:
             return camera.used() ? 1 : 0;
         default:

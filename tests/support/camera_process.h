@@ -27,6 +27,7 @@ typedef enum camera_command {
     CAMERA_SILENT, /* value: 1 silent, 0 answering again */
     CAMERA_GET_REGISTER,
     CAMERA_SET_REGISTER,
+    CAMERA_DELAY_REPLIES, /* value: by so many ms */
     CAMERA_IS_USED,
     CAMERA_COUNT_STARTS /* writes of the register that starts the acquisition */
 } camera_command;
@@ -47,7 +48,8 @@ uint32_t camera_address(int camera);
 /* Stores what the image of that number consists of; returns how many bytes. */
 size_t camera_frame(int stream, uint32_t number, uint8_t frame[CAMERA_FRAME_BYTES_MAX]);
 
-/* Writes a valid firmware image. */
+/* Writes a valid firmware image, of 10,000 payloads: a camera that answers each of them a
+ * millisecond late is still being sent some when a machine that stood still goes on. */
 void camera_write_firmware(const char* path);
 
 #ifdef __cplusplus

@@ -164,6 +164,7 @@ TEST_F(Descriptors, AFirmwareRunThatCannotOpenItsFileDoesNotBegin) {
     StartLibraryAndFind();
     ASSERT_EQ(keloOpenCamera(handle, nullptr), KELO_STATUS_SUCCESS);
     FirmwareFile();
+    SlowRunsDown();
     ForEveryCount([] {}, [&] { return keloFirmwareProgram(handle, firmware.c_str()); },
                   [&](int free, KELO_API_STATUS status) {
                       EXPECT_EQ(status, free == 0 ? KELO_STATUS_ERROR : KELO_STATUS_SUCCESS);
@@ -212,6 +213,7 @@ TEST_P(ManyDescriptors, AreNoHindrance) {
     ExpectToWork();
     const std::set<int> open = OpenDescriptors();
     EXPECT_GT(*open.rbegin(), others.back());
+    SlowRunsDown();
     ASSERT_EQ(keloFirmwareProgram(handle, FirmwareFile().c_str()), KELO_STATUS_SUCCESS);
     AbortRun();
     ExpectNewImages();
@@ -334,6 +336,7 @@ TEST_F(Threads, AFirmwareRunThatCannotBeginIsOver) {
     StartLibraryAndFind();
     ASSERT_EQ(keloOpenCamera(handle, nullptr), KELO_STATUS_SUCCESS);
     FirmwareFile();
+    SlowRunsDown();
     const std::set<int> open = OpenDescriptors();
     const int asked_for =
         ForEveryThread([] {}, [&] { return keloFirmwareProgram(handle, firmware.c_str()); },

@@ -117,6 +117,8 @@ protected:
         ExpectNewImages();
     }
 
+    // From now on a run is still sending when it is aborted.
+    static void SlowRunsDown() { camera_tell(0, CAMERA_DELAY_REPLIES, 0, 1); }
     const std::string& FirmwareFile() {
         if (!std::filesystem::exists(firmware)) camera_write_firmware(firmware.c_str());
         return firmware;

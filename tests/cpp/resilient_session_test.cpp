@@ -14,8 +14,10 @@ protected:
         return options;
     }
     static kelosim::StreamConfig Numbered() { return Chart(50); }
-    // From now on the camera counts its images from 1001, as one that counts on does.
+    // The camera, which has just been lost, counts its images from 1001 when it is opened again, as
+    // one that counts on does. An image that it still sends must not count on.
     static void CountOn(kelosim::Camera& camera) {
+        EXPECT_TRUE(WaitFor([&] { return !camera.acquiring(); }));
         camera.UpdateFaults([](kelosim::Faults& faults) { faults.jumps = {{1, 1000}}; });
     }
     // Takes images until one comes behind a reconnection; returns the number in front of it.
@@ -82,8 +84,8 @@ TEST_F(Resilient, GoesOnAfterAReboot) {
     options.configure = [](Camera& opened) { opened.set(reg::exposure_time, 4321); };
     ResilientSession session(library, MacOf(camera), options);
     ASSERT_TRUE(session.next(0, kPatience));
-    CountOn(camera);
     camera.Reboot();
+    CountOn(camera);
     const std::uint32_t before = TakeUntilReconnected(session);
     ExpectCountedGap(session.gap().value(), before == 0 ? 1 : before);
     EXPECT_EQ(camera.GetRegister(REG_EXPOSURETIME), 4321u) << "set anew";
@@ -106,9 +108,9 @@ TEST_F(Resilient, FollowsToAnotherAddress) {
     kelosim::Camera& camera = StartOne(Config(Numbered()));
     ResilientSession session(library, MacOf(camera), Quick());
     ASSERT_TRUE(session.next(0, kPatience));
-    CountOn(camera);
     library.set_address(session.camera()->handle(), Ipv4Address(127, 0, 0, 40),
                         Ipv4Address(255, 0, 0, 0));
+    CountOn(camera);
     const std::uint32_t before = TakeUntilReconnected(session);
     ExpectCountedGap(session.gap().value(), before == 0 ? 1 : before);
     EXPECT_EQ(session.gap()->address_before, Ipv4Address(127, 0, 0, 11));
@@ -123,8 +125,8 @@ TEST_F(Resilient, FindsACameraThatWasAwayAtAnotherAddress) {
     kelosim::Camera& camera = StartOne(config);
     ResilientSession session(library, MacOf(camera), Quick());
     ASSERT_TRUE(session.next(0, kPatience));
-    CountOn(camera);
     camera.PowerOff();
+    CountOn(camera);
     std::uint32_t before = 1;
     while (const std::optional<Image> image = session.next(0, milliseconds(0)))
         before = image->number();
@@ -142,8 +144,8 @@ TEST_F(Resilient, SomebodyElseMayLoseTheCameraForIt) {
     kelosim::Camera& camera = StartOne(Config(Numbered()));
     ResilientSession session(library, MacOf(camera), Quick());
     ASSERT_TRUE(session.next(0, kPatience));
-    CountOn(camera);
     Lose(camera, session.camera()->handle());
+    CountOn(camera);
     const std::uint32_t before = TakeUntilReconnected(session);
     ExpectCountedGap(session.gap().value(), before == 0 ? 1 : before);
 }

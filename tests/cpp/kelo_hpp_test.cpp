@@ -475,6 +475,12 @@ protected:
         kelosim::WriteFirmwareFile(path,
                                    kelosim::MakeFirmwareImage(kelosim::kMinFirmwareSize, 1, spoil));
     }
+    // A camera for a run that takes so long that it is still sending when it is aborted.
+    kelosim::Camera& StartSlow() {
+        kelosim::CameraConfig config = Config();
+        config.faults.reply_delay_ms = 1;
+        return StartOne(config);
+    }
     const std::string path = std::filesystem::temp_directory_path() /
                              ("kelo-cpp-firmware-" + std::to_string(getpid()) + ".bin");
 };
@@ -489,7 +495,7 @@ TEST_F(CppFirmware, ABadFileIsAFailure) {
 
 TEST_F(CppFirmware, TheProgressMayAbort) {
     Write(kelosim::FirmwareSpoil::kNone);
-    const Camera camera = Open(StartOne());
+    const Camera camera = Open(StartSlow());
     const Result<void> run =
         camera.try_program_firmware(path, [](FirmwareProgress& progress) { progress.abort(); });
     ASSERT_FALSE(run);
@@ -499,7 +505,7 @@ TEST_F(CppFirmware, TheProgressMayAbort) {
 
 TEST_F(CppFirmware, WhatTheProgressThrowsEndsTheRunAndGoesOn) {
     Write(kelosim::FirmwareSpoil::kNone);
-    const Camera camera = Open(StartOne());
+    const Camera camera = Open(StartSlow());
     EXPECT_THROW(camera.program_firmware(
                      path, [](FirmwareProgress&) { throw std::runtime_error("enough"); }),
                  std::runtime_error);

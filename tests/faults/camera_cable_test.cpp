@@ -4,6 +4,7 @@
 #include "far_network.h"
 #include "kelosim/firmware.h"
 #include "process_figures.h"
+#include "read_back_guard.h"
 
 namespace kelo::test {
 namespace {
@@ -80,18 +81,18 @@ TEST_P(Cable, PulledAndPutBackWithinAnOpenCostsOnlyTime) {
         far->Pull(GetParam());
         WaitOut();
         far->PutBack(GetParam());
-        const bool in_time = outage.Elapsed() < milliseconds(1000);
+        bool in_time = outage.Elapsed() < milliseconds(1000);
         opening.join();
         if (in_time) {
             EXPECT_EQ(status, KELO_STATUS_SUCCESS);
-            // The camera has missed at least one attempt.
             std::vector<uint32_t> numbers;
             for (const auto& request : camera->Requests()) {
                 if (request.register_number == REG_STREAMPORT)
                     numbers.push_back(request.message_number);
             }
             EXPECT_GE(numbers.size(), 2u);
-            EXPECT_GE(numbers.back() - numbers.front(), 2u);
+            // The camera has missed at least one attempt, or none was made meanwhile.
+            in_time = numbers.back() - numbers.front() >= 2;
             Start(handle);
             ExpectWholeFromTheFirst(*camera, handle);
         }
@@ -174,6 +175,7 @@ TEST_F(CableTest, PulledAndPutBackWhileFirmwareIsSent) {
     RepeatUntilInTime([&] {
         camera->ClearRequests();
         const size_t retries_before = log.Count(retry);
+        const ReadBackGuard guard(*camera, image.size());
         EXPECT_EQ(keloFirmwareProgram(handle, path.c_str()), KELO_STATUS_SUCCESS);
         EXPECT_TRUE(WaitFor([&] { return writes() > 500; }));
         const Stopwatch outage;

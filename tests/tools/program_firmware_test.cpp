@@ -6,6 +6,7 @@
 
 #include "in_time.h"
 #include "kelosim/firmware.h"
+#include "read_back_guard.h"
 #include "tool_fixture.h"
 
 namespace kelo::test {
@@ -57,13 +58,14 @@ protected:
         });
     }
     // A run to its end. The camera reads on with every request: when an answer to a read-back comes
-    // too late, and it is asked for again, a piece is left out and the run fails by design. Then
-    // another one is made.
+    // too late, and it is asked for again, a piece is left out and the run fails by design, or is
+    // lost. Then another one is made.
     template <typename Run>
-    static void WholeRun(kelosim::Camera& camera, const Run& run, int expected = 0) {
+    void WholeRun(kelosim::Camera& camera, const Run& run, int expected = 0) const {
         constexpr int REFUSED = 4;
         RepeatUntilInTime([&] {
             camera.ClearRequests();
+            const ReadBackGuard guard(camera, image.size());
             const int exit_code = run();
             if (exit_code == REFUSED) return false;
             EXPECT_EQ(exit_code, expected);

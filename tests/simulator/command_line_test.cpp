@@ -3,6 +3,7 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <stdexcept>
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -38,6 +39,7 @@ public:
             argv.push_back(argument.data());
         argv.push_back(nullptr);
         child_ = fork();
+        if (child_ < 0) throw std::runtime_error("no process");
         if (child_ == 0) {
             dup2(in[0], STDIN_FILENO);
             dup2(out[1], STDOUT_FILENO);
@@ -74,7 +76,10 @@ public:
         const std::string text = line + "\n";
         EXPECT_EQ(write(input_, text.data(), text.size()), static_cast<ssize_t>(text.size()));
     }
-    void Signal(int signal) { kill(child_, signal); }
+    // To nobody once its end has been taken: 0 would be this process's whole group.
+    void Signal(int signal) {
+        if (child_ > 0) kill(child_, signal);
+    }
     // The exit code; -1 when it was no orderly exit.
     int Wait() {
         if (child_ > 0) waitpid(child_, &status_, 0);

@@ -67,6 +67,8 @@ RemoteCamera::RemoteCamera(uint32_t mtu) {
     int to_parent[2];
     if (pipe(to_child) != 0 || pipe(to_parent) != 0) throw std::runtime_error("no pipe");
     child_ = fork();
+    // The destructor's signal to -1 would end every process there is.
+    if (child_ < 0) throw std::runtime_error("no process");
     if (child_ == 0) RunCamera(to_child[0], to_parent[1]);
     WaitForByte(to_parent[0]);
     const std::string size = std::to_string(mtu);

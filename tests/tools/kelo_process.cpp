@@ -122,7 +122,8 @@ void KeloProcess::CloseInput() {
 }
 
 void KeloProcess::Signal(int number) const {
-    kill(pid_, number);
+    // Once its end has been taken, the number may be another process's.
+    if (!ended_) kill(pid_, number);
 }
 
 void KeloProcess::Drain() {

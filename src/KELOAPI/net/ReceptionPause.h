@@ -11,7 +11,8 @@
 // When datagrams come one by one, waking up for each of them costs more than taking it. A short
 // pause takes many with one wake-up, but it must not keep anybody waiting, nor fill the socket's
 // buffer. So there is one only while the receiver expects to hand nothing over before it ends, and
-// only when several datagrams are due in it. How many are due tells their rate, which is counted
+// only when several datagrams are due in it, and not while somebody who was just given a result
+// may still be about to wake up on this core. How many are due tells their rate, which is counted
 // here. A sender that breaks its own order can complete an image within a pause: it is then late by
 // that pause at most.
 //
@@ -34,6 +35,7 @@ private:
 
     size_t buffer_bytes_;
     Clock::time_point last_{};
+    Clock::time_point begun_{};  // when something new began
     // What came recently, and in what time.
     double datagrams_ = 0;
     double bytes_ = 0;

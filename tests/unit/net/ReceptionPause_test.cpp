@@ -61,6 +61,13 @@ TEST_F(ReceptionPauseTest, IsNotMadeWhileThereIsMoreToTake) {
     EXPECT_EQ(0ns, Receive(1, 12us, 1472, {.until_wanted = kFarAway}, false));
 }
 
+TEST_F(ReceptionPauseTest, LeavesTheCoreToWhoeverWasGivenTheLastResult) {
+    Receive(100, 12us);
+    EXPECT_EQ(0ns, Receive(1, 12us, 1472, {.until_wanted = kFarAway, .begins = true}));
+    EXPECT_EQ(0ns, Receive(8, 12us)) << "96 us later";
+    EXPECT_EQ(400us, Receive(1, 12us));
+}
+
 TEST_F(ReceptionPauseTest, LetsNoMoreGatherThanTheCacheHolds) {
     EXPECT_EQ(400us, Receive(3000, 10us, 9000)) << "360 KB";
     EXPECT_EQ(200us, Receive(3000, 5us, 9000)) << "360 KB";

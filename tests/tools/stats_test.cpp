@@ -1,6 +1,7 @@
 // kelo stats: lines, the live table, the end.
 
 #include <csignal>
+#include <regex>
 
 #include "in_time.h"
 #include "interval_histogram.h"
@@ -129,6 +130,11 @@ TEST_F(KeloStats, KeepsATableUpToDateOnATerminal) {
     // A title and a line per camera, drawn over the ones before.
     ASSERT_TRUE(process.WaitForOutput("\x1b[3ACAMERA"));
     EXPECT_TRUE(process.WaitForOutput("\r\n127.0.0.12 "));
+    // The time from image to image takes two of each.
+    EXPECT_TRUE(WaitFor([&] {
+        return std::regex_search(process.Output(), std::regex("0\\.11 +0 +([2-9]|[1-9][0-9]+) ")) &&
+               std::regex_search(process.Output(), std::regex("0\\.12 +0 +([2-9]|[1-9][0-9]+) "));
+    }));
     process.Type("\x03");
     EXPECT_TRUE(process.WaitForOutput("From image to image, 127.0.0.11 stream 0: mean "));
     EXPECT_TRUE(process.WaitForOutput("From image to image, 127.0.0.12 stream 0: mean "));

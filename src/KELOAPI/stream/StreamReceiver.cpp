@@ -74,8 +74,7 @@ StreamReceiver::Packet StreamReceiver::parse(const TDatagram& datagram) {
         .image_number = kelo_ntohl(header.NL_image_number),
         .number = kelo_ntohs(header.NS_current_packet),
         .payload_length = static_cast<uint32_t>(datagram.length) - uint32_t{sizeof(header)},
-        .payload = static_cast<const unsigned char*>(datagram.data) + sizeof(header),
-        .header = header,
+        .datagram = static_cast<const unsigned char*>(datagram.data),
     };
 }
 
@@ -243,7 +242,7 @@ void StreamReceiver::placePayload(const Packet& packet, const Place& place) {
     const uint64_t offset = uint64_t{metadata.payloadLength} * packet.number;
     const uint64_t length = image.bufferLength;
     if (offset < length) {
-        std::memcpy(imageData(image) + offset, packet.payload,
+        std::memcpy(imageData(image) + offset, packet.payload(),
                     std::min(uint64_t{packet.payload_length}, length - offset));
     }
     streamStatistics.bytesReceived += packet.payload_length;

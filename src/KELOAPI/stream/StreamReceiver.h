@@ -78,18 +78,23 @@ private:
     };
     using ReceivingBuffer = std::pair<BufferInfo, ReceivingBufferMetadata>;
 
-    // A datagram with its header in host order: what every packet is asked for, and the header
-    // for what only an image's first one is.
+    // A datagram, with what every packet is asked for in host order. What only an image's first one
+    // is asked for stays in the header: this is made for each packet.
     struct Packet {
         uint32_t image_number;
         uint16_t number;
         uint32_t payload_length;
-        const unsigned char* payload;
-        THeaderImage header;
+        const unsigned char* datagram;
 
-        uint16_t count() const { return kelo_ntohs(header.NS_all_packets); }
-        uint16_t width() const { return kelo_ntohs(header.NS_image_width); }
-        uint16_t height() const { return kelo_ntohs(header.NS_image_height); }
+        const unsigned char* payload() const { return datagram + sizeof(THeaderImage); }
+        uint16_t count() const { return kelo_ntohs(header().NS_all_packets); }
+        uint16_t width() const { return kelo_ntohs(header().NS_image_width); }
+        uint16_t height() const { return kelo_ntohs(header().NS_image_height); }
+
+    private:
+        THeaderImage header() const {
+            return kelo::CopyRecord<THeaderImage>(datagram, sizeof(THeaderImage));
+        }
     };
 
     // An image under reception and how many positions the images before it take up.

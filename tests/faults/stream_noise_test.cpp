@@ -154,7 +154,20 @@ protected:
             return in_time;
         });
     }
+    // Sends whole images until one comes: all that was sent before is through then.
+    void Flush() {
+        EXPECT_TRUE(WaitFor([&] {
+            ++image_;
+            std::vector<std::string> whole;
+            for (uint16_t number = 0; number < kPackets; ++number)
+                whole.push_back(Next(number).Bytes());
+            impostor_->Send(whole);
+            return WaitFor([&] { return Pending(handle_) > 0 && Take(handle_).number == image_; },
+                           seconds(1));
+        }));
+    }
     void BeginAgain() {
+        Flush();
         ASSERT_EQ(keloStartImageAcquisition(handle_), KELO_STATUS_SUCCESS);
         keloClearBuffer(handle_, 0);
         model_ = ReassemblyModel(kFrameBytes);

@@ -177,11 +177,16 @@ TEST_F(CableTest, PulledAndPutBackWhileFirmwareIsSent) {
             count += request.register_number == KELO_CMD_FIRMWARE ? 1 : 0;
         return count;
     };
+    const auto delay_replies = [&](uint32_t ms) {
+        camera->UpdateFaults([ms](auto& faults) { faults.reply_delay_ms = ms; });
+    };
     const std::string retry = "FW writeMemory failed (attempt 1 of 3)";
     RepeatUntilInTime([&] {
         camera->ClearRequests();
         const size_t retries_before = log.Count(retry);
         const ReadBackGuard guard(*camera, image.size());
+        // So slowly that the image is still being sent when the cable is pulled.
+        delay_replies(1);
         EXPECT_EQ(keloFirmwareProgram(handle, path.c_str()), KELO_STATUS_SUCCESS);
         EXPECT_TRUE(WaitFor([&] { return writes() > 500; }));
         const Stopwatch outage;
@@ -189,6 +194,7 @@ TEST_F(CableTest, PulledAndPutBackWhileFirmwareIsSent) {
         // The attempt that the cable took away has been given up.
         EXPECT_TRUE(WaitFor([&] { return log.Count(retry) > retries_before; }));
         far->PutBack(End::kHost);
+        delay_replies(0);
         const bool in_time = outage.Elapsed() < seconds(2);
         KELO_API_STATUS status = KELO_STATUS_SUCCESS;
         EXPECT_TRUE(WaitFor(

@@ -95,6 +95,8 @@ std::string Soak::Evidence(int64_t stall_us_min) const {
 }
 
 void Soak::InTimeOrWrong(const std::string& text, int64_t stall_us_min) {
+    // How long the cameras have stood still comes with any answer of theirs.
+    Status(0);
     const std::string evidence = Evidence(stall_us_min);
     if (evidence.empty()) throw Wrong(text);
     throw Disturbed(text + ", but " + evidence);

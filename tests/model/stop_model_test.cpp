@@ -36,6 +36,15 @@ namespace gate_without_signal {
 #include "gate_without_signal.inc"
 }
 
+// A watch may end at any moment, whether the image is there or not.
+struct ImageWatch {
+    bool IsWorthwhile(kelo::model::Clock::time_point) const { return true; }
+    template <typename Over>
+    void Watch(Over over, kelo::model::Clock::time_point) {
+        over();
+    }
+};
+
 namespace real {
 #include "images_class.inc"
 //
@@ -61,6 +70,16 @@ namespace images_not_announced {
 //
 #include "images_not_announced.inc"
 }  // namespace images_not_announced
+namespace images_come_when_announced {
+#include "images_class.inc"
+//
+#include "images_come_when_announced.inc"
+}  // namespace images_come_when_announced
+namespace images_watched_for_are_forgotten {
+#include "images_class.inc"
+//
+#include "images_watched_for_are_forgotten.inc"
+}  // namespace images_watched_for_are_forgotten
 
 // The session's heartbeat thread and the part of the destructor that ends it. What else these two
 // functions use is stood in for.
@@ -195,6 +214,7 @@ TEST(StopModelFindsThat, TheLastUserDoesNotSignal) {
 template <typename Base>
 class Images : public Base {
 public:
+    using Base::announce;
     void Receive(uint32_t number) {
         BufferInfo image{};
         image.imageNumber = number;
@@ -247,6 +267,20 @@ void ImageWakes() {
     RequireNoWaitForTime();
 }
 
+// The same with an image that is announced, and watched for if the receiver is slow enough.
+template <typename Base>
+void AnnouncedImageWakes() {
+    Images<Base> images;
+    Thread receiver([&] {
+        images.announce();
+        images.Receive(1);
+    });
+    BufferInfo* const image = images.GetImage(1000);
+    Require(image != nullptr && image->imageNumber == 1, "the image is not seen");
+    receiver.join();
+    RequireNoWaitForTime();
+}
+
 // The stream goes while somebody waits in it. Its memory stays, so that a use shows.
 template <typename Base>
 void GoUnderAWait() {
@@ -279,6 +313,21 @@ TEST(StopModel, OneImageAndTheEndLeaveNobodyWaiting) {
 
 TEST(StopModel, AnImageWakesWhoWaitsForIt) {
     ExpectToHold(kNoTimeouts, ImageWakes<real::FinishedImageQueue>);
+}
+
+TEST(StopModel, AnAnnouncedImageWakesWhoWaitsForIt) {
+    ExpectToHold(kNoTimeouts, AnnouncedImageWakes<real::FinishedImageQueue>);
+}
+
+TEST(StopModelFindsThat, AnAnnouncementEndsTheWait) {
+    ExpectToFail(kNoTimeouts, AnnouncedImageWakes<images_come_when_announced::FinishedImageQueue>,
+                 "the image is not seen");
+}
+
+TEST(StopModelFindsThat, AnImageThatComesWhileItIsWatchedForIsForgotten) {
+    ExpectToFail(kNoTimeouts,
+                 AnnouncedImageWakes<images_watched_for_are_forgotten::FinishedImageQueue>,
+                 "wait for time");
 }
 
 TEST(StopModelFindsThat, WaitsAreEndedOutsideTheLock) {

@@ -61,6 +61,10 @@ TAKEN = {
         IMAGES, None,
         "finished_buffers.push_back(image);\n        wake_getimage = true;\n    }",
         "finished_buffers.push_back(image);\n    }"),
+    "images_come_when_announced": (
+        IMAGES, None, "if (woken()) break;", "break;"),
+    "images_watched_for_are_forgotten": (
+        IMAGES, None, "lock.lock();", "lock.lock();\n        wake_getimage = false;"),
 
     "heartbeat": (SESSION, HEARTBEAT, None, None),
     "heartbeat_stops_unlocked": (

@@ -37,12 +37,36 @@ BufferInfo* FinishedImageQueue::GetImage(int timeout) {
     std::unique_lock lock(finished_buffers_mutex);
     if (!finished_buffers.empty() || timeout <= 0) return HandOutFront();
 
-    wake_getimage = false;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout);
-    cv_wake_getimage.wait_until(lock, deadline, [this] { return wake_getimage || waits_ended; });
-    wake_getimage = false;
+    WaitForImage(lock, timeout);
     // The image that woke this call may have been cleared since.
     return HandOutFront();
+}
+
+// Holding lock, which is of finished_buffers_mutex, but while it waits.
+void FinishedImageQueue::WaitForImage(std::unique_lock<std::mutex>& lock, int timeout) {
+    const auto woken = [this] { return wake_getimage || waits_ended; };
+    const auto begin = std::chrono::steady_clock::now();
+    const auto deadline = begin + std::chrono::milliseconds(timeout);
+    wake_getimage = false;
+    announced = false;
+    waiting = watch.IsWorthwhile(begin);
+    while (cv_wake_getimage.wait_until(lock, deadline, [&] { return woken() || announced; })) {
+        if (woken()) break;
+        announced = false;
+        lock.unlock();
+        watch.Watch(woken, deadline);
+        lock.lock();
+    }
+    waiting = false;
+    wake_getimage = false;
+}
+
+void FinishedImageQueue::announce() {
+    {
+        const std::lock_guard lock(finished_buffers_mutex);
+        announced = true;
+    }
+    cv_wake_getimage.notify_one();
 }
 
 // With finished_buffers_mutex held.

@@ -7,6 +7,7 @@
 #include <mutex>
 
 #include "CachedAllocator.h"
+#include "ImageWatch.h"
 #include "ImagesLeftBehind.h"
 #include "kelo_types.h"
 
@@ -58,6 +59,11 @@ protected:
     // The caller holds onrcv_mutex; the image's buffer belongs to the queue from here on.
     void finish(BufferInfo image);
 
+    // Whether somebody waits in GetImage who can be told that an image is nearly complete.
+    bool isWaitedFor() const { return waiting; }
+    // Tells it. The caller holds onrcv_mutex.
+    void announce();
+
     CachedAllocator ca;
     std::mutex onrcv_mutex;               // the reception lock of the derived receiver
     StreamStatistics streamStatistics{};  // guarded by onrcv_mutex
@@ -67,13 +73,17 @@ private:
     std::condition_variable cv_wake_getimage;
     std::atomic<bool> wake_getimage{false};  // set under finished_buffers_mutex
     std::atomic<bool> waits_ended{false};    // set under finished_buffers_mutex
+    std::atomic<bool> waiting{false};        // in GetImage, and watching is worthwhile
     std::mutex get_image_mutex;              // held by GetImage for its whole run
+    ImageWatch watch;                        // guarded by get_image_mutex
     // Guarded by finished_buffers_mutex.
     std::list<BufferInfo> finished_buffers;  // oldest first
     bool front_in_hand = false;              // GetImage has returned the oldest
     bool abandoned = false;                  // TakeImageInHand was called
+    bool announced = false;                  // an image is nearly complete
 
     BufferInfo* HandOutFront();
+    void WaitForImage(std::unique_lock<std::mutex>& lock, int timeout);
 };
 
 // Clears the image's memory from begin up to end, as far as it goes.

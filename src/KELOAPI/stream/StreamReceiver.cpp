@@ -65,7 +65,14 @@ TOutlook StreamReceiver::takeOutlook() {
         outlook.until_wanted = packets - 1 - newest_packet_number;
     }
     packets_to_come = outlook.until_wanted;
+    announceIfDue(outlook.until_wanted);
     return outlook;
+}
+
+void StreamReceiver::announceIfDue(uint32_t to_come) {
+    const uint32_t received = newest_packet_number + 1;
+    if (!isWaitedFor() || !expectation.IsNear(received, to_come)) return;
+    if (expectation.IsDue(ImageExpectation::Clock::now(), received, to_come)) announce();
 }
 
 StreamReceiver::Packet StreamReceiver::parse(const TDatagram& datagram) {
@@ -167,6 +174,7 @@ std::optional<StreamReceiver::Place> StreamReceiver::begin(const Packet& packet)
     }
     receiving_buffers.emplace_back(image, metadata);
     image_begun = true;
+    expectation.Begin(ImageExpectation::Clock::now());
     newest_packet_number = 0;
     return find(packet.image_number);
 }

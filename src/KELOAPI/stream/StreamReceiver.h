@@ -10,15 +10,17 @@
 #include <vector>
 
 #include "FinishedImageQueue.h"
+#include "ImageExpectation.h"
 #include "TPacketCommunicator.h"
 #include "img_common.h"
 #include "utils.h"
 
 // Puts the datagrams of one camera's stream together into whole images.
 //
-// Passive: it has no socket, thread or clock. Datagrams come in by OnRcv, the passing of time by
-// finishTransfersIfNeeded, and completed images leave through the queue. Any thread may call; each
-// call holds onrcv_mutex for its whole work.
+// Passive: it has no socket and no thread. Datagrams come in by OnRcv, the passing of time by
+// finishTransfersIfNeeded, and completed images leave through the queue. It looks at a clock only
+// to tell who waits that an image is nearly complete. Any thread may call; each call holds
+// onrcv_mutex for its whole work.
 //
 // The packets of all images under reception, laid end to end, form one line of positions. The
 // window position is the next one to be consumed, and always lies in the first image under
@@ -112,6 +114,7 @@ private:
     static constexpr size_t kReceivingImagesMax = 512;
     static constexpr uint32_t kAllPositions = UINT32_MAX;
 
+    void announceIfDue(uint32_t to_come);
     static Packet parse(const TDatagram& datagram);
 
     void receive(const Packet& packet);
@@ -164,6 +167,7 @@ private:
 
     uint32_t newest_packet_number = 0;  // of the last image that a packet came for
     bool image_begun = false;           // since the last takeOutlook
+    ImageExpectation expectation;       // of the image that was begun last
 
     std::atomic<bool> packet_received_flag{false};
     std::atomic<uint32_t> packets_to_come{kAllPositions};  // set under onrcv_mutex

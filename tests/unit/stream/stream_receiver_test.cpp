@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "StreamReceiver.h"
+#include "in_time.h"
 #include "log_capture.h"
 #include "stream_wire.h"
 #include "wait_for.h"
@@ -589,6 +590,91 @@ TEST(StreamReceiverLifeTest, DestructionGivesQueuedImagesBack) {
         stream.OnRcv(kCamera, bytes.data(), static_cast<int>(bytes.size()), 0);
     }
     EXPECT_THAT(log.Lines(), IsEmpty());
+}
+
+// ---- An image that is nearly complete
+
+class ExpectingStream : public StreamReceiver {
+public:
+    using StreamReceiver::isWaitedFor;
+    using StreamReceiver::StreamReceiver;
+
+    // An image whose last packet is still to come.
+    void ReceiveNearlyAll(uint32_t image) {
+        constexpr uint16_t kPackets = 1000;
+        for (uint16_t number = 0; number < kPackets - 1; ++number)
+            Send(image, number, kPackets);
+        const std::lock_guard lock(onrcv_mutex);
+        takeOutlook();
+    }
+    void ReceiveTheLast(uint32_t image) { Send(image, 999, 1000); }
+
+private:
+    void Send(uint32_t image, uint16_t number, uint16_t count) {
+        const std::string bytes =
+            ImagePacket{.image = image, .number = number, .count = count, .payload = "x"}.Bytes();
+        OnRcv(kCamera, bytes.data(), static_cast<int>(bytes.size()), 0);
+    }
+};
+
+class ImageIsDueTest : public testing::Test {
+protected:
+    ImageIsDueTest() { stream_.InitStream(0, 0, 0, 1000); }
+
+    ExpectingStream stream_{kCamera, 3};
+};
+
+TEST_F(ImageIsDueTest, EndsNoWaitBeforeItIsThere) {
+    WaitingCall<BufferInfo*> wait([&] { return stream_.GetImage(60000); });
+    wait.AwaitSleep();
+    stream_.ReceiveNearlyAll(1);
+    wait.AwaitSleep();
+    EXPECT_FALSE(wait.Returns(std::chrono::milliseconds(0)));
+    stream_.ReceiveTheLast(1);
+    const BufferInfo* image = wait.Get();
+    ASSERT_NE(image, nullptr);
+    EXPECT_EQ(image->imageNumber, 1u);
+}
+
+TEST_F(ImageIsDueTest, LengthensNoWait) {
+    const auto begin = std::chrono::steady_clock::now();
+    WaitingCall<BufferInfo*> wait([&] { return stream_.GetImage(50); });
+    wait.AwaitSleep();
+    stream_.ReceiveNearlyAll(1);
+    EXPECT_EQ(wait.Get(), nullptr);
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(50));
+}
+
+TEST_F(ImageIsDueTest, IsToldToWhoeverWaits) {
+    EXPECT_FALSE(stream_.isWaitedFor());
+    WaitingCall<BufferInfo*> wait([&] { return stream_.GetImage(60000); });
+    WaitFor([&] { return stream_.isWaitedFor(); });
+    stream_.EndWaits();
+    wait.Get();
+    EXPECT_FALSE(stream_.isWaitedFor());
+}
+
+// One that was late is not watched for again so soon: that shows that it was watched for.
+TEST_F(ImageIsDueTest, IsWatchedFor) {
+    RepeatUntilInTime([] {
+        ExpectingStream stream(kCamera, 3);
+        stream.InitStream(0, 0, 0, 1000);
+        const Stopwatch stopwatch;
+        WaitingCall<BufferInfo*> wait([&] { return stream.GetImage(60000); });
+        wait.AwaitSleep();
+        stream.ReceiveNearlyAll(1);
+        wait.AwaitSleep();
+        stream.ReceiveTheLast(1);
+        EXPECT_TRUE(stream.PopImage(wait.Get()));
+        WaitingCall<BufferInfo*> next([&] { return stream.GetImage(60000); });
+        next.AwaitSleep();
+        const bool would_be_watched_for = stream.isWaitedFor();
+        stream.EndWaits();
+        next.Get();
+        if (stopwatch.Elapsed() > std::chrono::milliseconds(150)) return false;
+        EXPECT_FALSE(would_be_watched_for);
+        return true;
+    });
 }
 
 // ---- The outlook

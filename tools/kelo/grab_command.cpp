@@ -363,8 +363,11 @@ void Finish(const Context& context, ImageWriter& writer, Result& result) {
             break;
         }
         if (!said) {
-            context.Say(Format("kelo: %llu images wait to be written; Ctrl-C leaves them out",
-                               Print(writer.Now().queue_images)));
+            const auto waiting = writer.Now().queue_images;
+            context.Say(waiting == 1
+                            ? "kelo: 1 image waits to be written; Ctrl-C leaves it out"
+                            : Format("kelo: %llu images wait to be written; Ctrl-C leaves them out",
+                                     Print(waiting)));
         }
         said = true;
     }

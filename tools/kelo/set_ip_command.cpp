@@ -70,10 +70,23 @@ AddressJudgement Judge(const EXT_CAM_INFO& camera, const Wanted& wanted,
     throw CommandError(EXIT_USAGE, judgement.errors.front(), "Nothing was changed.");
 }
 
+// All that are there. A camera whose answer was lost cannot be told its address, so it gets another
+// chance.
+std::vector<EXT_CAM_INFO> DiscoverWith(const Context& context, const EXT_CAM_INFO& camera) {
+    constexpr int SEARCHES = 3;
+    for (int i = 0; i < SEARCHES; ++i) {
+        auto found = Discover(context.timeout_ms);
+        const auto is_it = [&](const EXT_CAM_INFO& other) { return SameMac(other, camera); };
+        if (std::any_of(found.begin(), found.end(), is_it)) return found;
+    }
+    throw CommandError(EXIT_LOST, Title(camera) + " does not answer any more",
+                       "Nothing was changed. `kelo list` shows whether it comes back.");
+}
+
 void Check(const Context& context, const EXT_CAM_INFO& camera, const Wanted& wanted, bool force) {
     // Most mistakes need no search to be seen.
     (void)Judge(camera, wanted, {});
-    const auto judgement = Judge(camera, wanted, Discover(context.timeout_ms));
+    const auto judgement = Judge(camera, wanted, DiscoverWith(context, camera));
     for (const std::string& warning : judgement.warnings)
         context.Warn(warning);
     if (!force && wanted.address != camera.camera_ip) CheckNobodyAnswers(camera, wanted.address);

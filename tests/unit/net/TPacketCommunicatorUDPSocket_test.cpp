@@ -300,15 +300,17 @@ TEST_F(CommunicatorTest, StopEndsAnIdleThreadSoonAndLeavesTheSocketOpen) {
 TEST_F(CommunicatorTest, StopEndsAThreadThatHasAlwaysSomethingToReceive) {
     const auto communicator = Started();
     std::atomic<bool> done{false};
+    std::atomic<size_t> sent{0};
     std::thread flood([&] {
         while (!done) {
             peer.sendto("flood", 5, kLoopback, communicator->GetSocketPort());
+            ++sent;
         }
     });
     ASSERT_TRUE(WaitFor([&] { return receiver.Count() > 100; }));
     communicator->StopRxThread();
     const size_t count = receiver.Count();
-    std::this_thread::sleep_for(5ms);
+    EXPECT_TRUE(WaitFor([&, before = sent.load()] { return sent > before + 100; }));
     EXPECT_EQ(count, receiver.Count());
     done = true;
     flood.join();

@@ -65,11 +65,11 @@ namespace images_go_at_once {
 //
 #include "images_go_at_once.inc"
 }  // namespace images_go_at_once
-namespace images_not_announced {
+namespace images_wake_nobody {
 #include "images_class.inc"
 //
-#include "images_not_announced.inc"
-}  // namespace images_not_announced
+#include "images_wake_nobody.inc"
+}  // namespace images_wake_nobody
 namespace images_come_when_announced {
 #include "images_class.inc"
 //
@@ -338,9 +338,8 @@ TEST(StopModelFindsThat, AWaitThatBeginsBehindTheEndIsForgotten) {
     ExpectToFail(kNoTimeouts, EndAWait<images_forget_the_end::FinishedImageQueue>, "wait for time");
 }
 
-TEST(StopModelFindsThat, AnImageIsNotAnnounced) {
-    ExpectToFail(kNoTimeouts, ImageWakes<images_not_announced::FinishedImageQueue>,
-                 "wait for time");
+TEST(StopModelFindsThat, AnImageWakesNobody) {
+    ExpectToFail(kNoTimeouts, ImageWakes<images_wake_nobody::FinishedImageQueue>, "wait for time");
 }
 
 template <typename Camera>

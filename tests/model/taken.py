@@ -57,7 +57,7 @@ TAKEN = {
         IMAGES, None, "return wake_getimage || waits_ended;", "return wake_getimage.load();"),
     "images_go_at_once": (
         IMAGES, None, "{ const std::lock_guard leaving(get_image_mutex); }", ""),
-    "images_not_announced": (
+    "images_wake_nobody": (
         IMAGES, None,
         "finished_buffers.push_back(image);\n        wake_getimage = true;\n    }",
         "finished_buffers.push_back(image);\n    }"),

@@ -93,7 +93,10 @@ void PrintImages(Printer& out, const Faults& faults) {
     for (const PacketFault& fault : faults.packets) {
         std::ostringstream where;
         where << fault.image;
-        if (fault.packet) where << " packet " << *fault.packet;
+        if (fault.packet && fault.count == 1) where << " packet " << *fault.packet;
+        if (fault.packet && fault.count != 1) {
+            where << " packets " << *fault.packet << " to " << *fault.packet + fault.count - 1;
+        }
         if (fault.stream) where << " stream " << +*fault.stream;
         out.Add(Name(fault.kind), where.str());
     }
@@ -162,6 +165,10 @@ void PrintTcp(Printer& out, const TcpFaults& tcp) {
     }
 }
 
+bool IsAmong(const PacketFault& fault, uint16_t packet) {
+    return !fault.packet || (packet >= *fault.packet && packet - *fault.packet < fault.count);
+}
+
 }  // namespace
 
 void ImageHeader::Store(uint8_t* out) const {
@@ -199,7 +206,7 @@ bool PacketHit(const Faults& faults, PacketFault::Kind kind, const ImageHeader& 
     const bool listed =
         std::any_of(faults.packets.begin(), faults.packets.end(), [&](const auto& f) {
             return f.kind == kind && f.image == packet.image_number &&
-                   Matches(f.packet, packet.current_packet) && Matches(f.stream, packet.stream);
+                   IsAmong(f, packet.current_packet) && Matches(f.stream, packet.stream);
         });
     if (listed) return true;
     const double rate = Rate(faults, kind);

@@ -126,11 +126,11 @@ Faults Delay(double rate, uint32_t packets) {
 Faults Bursts(const std::vector<std::pair<uint32_t, uint16_t>>& begins, uint16_t length) {
     Faults faults;
     for (const auto& [image, packet] : begins) {
-        for (uint16_t i = 0; i < length; ++i)
-            faults.packets.push_back({.kind = PacketFault::Kind::kDrop,
-                                      .image = image,
-                                      .packet = static_cast<uint16_t>(packet + i),
-                                      .stream = {}});
+        faults.packets.push_back({.kind = PacketFault::Kind::kDrop,
+                                  .image = image,
+                                  .packet = packet,
+                                  .stream = {},
+                                  .count = length});
     }
     return faults;
 }

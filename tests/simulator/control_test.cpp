@@ -634,11 +634,13 @@ TEST(FaultsTest, PrintAsOneLine) {
     faults.seed = 7;
     faults.drop_rate = 0.25;
     faults.packets.push_back({PacketFault::Kind::kReorder, 4, 2, std::nullopt});
+    faults.packets.push_back({PacketFault::Kind::kDrop, 5, 7, std::nullopt, 3});
     faults.silent = true;
     faults.tcp.closes.push_back({3, 17, std::nullopt});
-    EXPECT_EQ(ToString(faults),
-              "seed 7: drop rate 0.25, reorder image 4 packet 2, silent, close in image 3 after 17 "
-              "bytes");
+    EXPECT_EQ(
+        ToString(faults),
+        "seed 7: drop rate 0.25, reorder image 4 packet 2, drop image 5 packets 7 to 9, silent, "
+        "close in image 3 after 17 bytes");
 }
 
 TEST(AddressTest, ReadsDottedQuadsOnly) {

@@ -24,6 +24,7 @@ struct PacketFault {
     uint32_t image = 0;
     std::optional<uint16_t> packet;
     std::optional<uint8_t> stream;
+    uint16_t count = 1;  // so many packets from that one on
 };
 
 // From this image on the camera's numbers are higher (modulo 2^32) by this much: the numbers in

@@ -48,7 +48,8 @@ protected:
     Result Grab(std::vector<std::string> more) const { return Kelo(Arguments(std::move(more))); }
     // What it says besides that the disk is slow.
     static std::string Said(const Result& result) {
-        static const std::regex slow("kelo: [0-9]+ images? waits? to be written; [^\n]*\n");
+        static const std::regex slow(
+            "kelo: (1 image waits|([2-9]|[0-9]{2,}) images wait) to be written; [^\n]*\n");
         return std::regex_replace(result.err, slow, "");
     }
     // Over UDP: a machine that stands still within an image has it cut in two, which is reported.

@@ -4,8 +4,10 @@
 #include <latch>
 
 #include "wait_for.h"
+#include "waiting_call.h"
 
 using kelo::test::WaitFor;
+using kelo::test::WaitingCall;
 using namespace std::chrono_literals;
 
 namespace {
@@ -91,13 +93,11 @@ TEST_F(TimerTest, StopDuringACallIsNotLost) {
         }
     });
     called.wait();
-    std::thread stopper([&] { timer.stop(); });
-    // Gives the stop the time to reach the timer while the call is going on.
-    std::this_thread::sleep_for(20ms);
+    WaitingCall<void> stop([&] { timer.stop(); });
+    stop.AwaitSleep();
     go_on.count_down();
-    stopper.join();
-    // The thread has been joined: were the stop lost, this line would never be reached. When the
-    // stopper came too late, further calls are in order; they have ended.
+    stop.Get();
+    // The thread has been joined: were the stop lost, this line would never be reached.
     const int calls_at_stop = calls;
     std::this_thread::sleep_for(10ms);
     EXPECT_EQ(calls_at_stop, calls);

@@ -5,7 +5,9 @@
 
 #include "BlockingQueue.h"
 #include "syncd_queue.h"
+#include "waiting_call.h"
 
+using kelo::test::WaitingCall;
 using namespace std::chrono_literals;
 
 namespace {
@@ -39,19 +41,13 @@ TEST(BlockingQueueTest, OneSlotAlwaysStaysFree) {
 TEST(BlockingQueueTest, PushIntoAFullQueueWaitsForAPop) {
     Queue queue(1024);
     Fill(queue, 1023);
-    std::atomic<bool> pushed{false};
-    std::thread producer([&] {
-        queue.push_wait(1023);
-        pushed = true;
-    });
-    // Gives a push that does not wait the time to show.
-    std::this_thread::sleep_for(20ms);
-    EXPECT_FALSE(pushed);
+    WaitingCall<void> push([&] { queue.push_wait(1023); });
+    push.AwaitSleep();
     EXPECT_EQ(1023u, queue.pending());
     int item = -1;
     EXPECT_TRUE(queue.try_pop(item));
     EXPECT_EQ(0, item);
-    producer.join();
+    push.Get();
     EXPECT_EQ(1023u, queue.pending());
     for (int expected = 1; expected <= 1023; ++expected) {
         queue.pop_wait(item);
@@ -61,16 +57,11 @@ TEST(BlockingQueueTest, PushIntoAFullQueueWaitsForAPop) {
 
 TEST(BlockingQueueTest, PopWaitsForAPush) {
     Queue queue(4);
-    std::atomic<bool> popped{false};
     int item = 0;
-    std::thread consumer([&] {
-        queue.pop_wait(item);
-        popped = true;
-    });
-    std::this_thread::sleep_for(20ms);
-    EXPECT_FALSE(popped);
+    WaitingCall<void> pop([&] { queue.pop_wait(item); });
+    pop.AwaitSleep();
     queue.push_wait(7);
-    consumer.join();
+    pop.Get();
     EXPECT_EQ(7, item);
 }
 
@@ -98,13 +89,11 @@ TEST(BlockingQueueTest, TimedPopWithNoTimeIsANonBlockingTry) {
 
 TEST(BlockingQueueTest, TimedPopIsWokenByAPush) {
     Queue queue(3);
-    std::thread producer([&] {
-        std::this_thread::sleep_for(5ms);
-        queue.push_wait(11);
-    });
     int item = 0;
-    EXPECT_TRUE(queue.pop_waitfor(item, kLong));
-    producer.join();
+    WaitingCall<bool> pop([&] { return queue.pop_waitfor(item, kLong); });
+    pop.AwaitSleep();
+    queue.push_wait(11);
+    EXPECT_TRUE(pop.Get());
     EXPECT_EQ(11, item);
 }
 
@@ -243,12 +232,10 @@ TEST_F(SyncdQueueTest, ASetFlagIsReadAfterASliceOfASecond) {
 
 TEST_F(SyncdQueueTest, TheFlagMayBeSetDuringTheWait) {
     std::atomic<bool> abort{false};
-    std::thread other([&] {
-        std::this_thread::sleep_for(5ms);
-        abort = true;
-    });
-    EXPECT_LT(TimeOfEmptyGet(60000, &abort), 30s);
-    other.join();
+    WaitingCall<Clock::duration> get([&] { return TimeOfEmptyGet(60000, &abort); });
+    get.AwaitSleep();
+    abort = true;
+    EXPECT_LT(get.Get(), 30s);
 }
 
 TEST_F(SyncdQueueTest, AnItemIsTakenEvenWhenTheFlagIsSet) {
@@ -268,14 +255,12 @@ TEST_F(SyncdQueueTest, NoTimeOrLessIsANonBlockingTryWithOrWithoutAFlag) {
 }
 
 TEST_F(SyncdQueueTest, APutWakesAWaitingGet) {
-    std::thread producer([&] {
-        std::this_thread::sleep_for(5ms);
-        queue.Put(8);
-    });
     bool abort = false;
     int item = 0;
-    EXPECT_TRUE(queue.Get(60000, item, &abort));
-    producer.join();
+    WaitingCall<bool> get([&] { return queue.Get(60000, item, &abort); });
+    get.AwaitSleep();
+    queue.Put(8);
+    EXPECT_TRUE(get.Get());
     EXPECT_EQ(8, item);
 }
 

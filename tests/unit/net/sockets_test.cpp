@@ -23,10 +23,12 @@
 #include "socket_options.h"
 #include "wait_for.h"
 #include "wait_readable.h"
+#include "waiting_call.h"
 
 using kelo::test::Address;
 using kelo::test::LogCapture;
 using kelo::test::StreamCapture;
+using kelo::test::WaitingCall;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -316,12 +318,10 @@ TEST_F(UDPSocketTest, ReceiveWaitsUnlessSetNonBlocking) {
     receiver.setNonBlocking(false);
     EXPECT_EQ(flags | O_APPEND, fcntl(handle, F_GETFL));
 
-    std::thread late([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        sender.sendto("x", 1, kLoopback, receiver.getPort());
-    });
-    EXPECT_EQ(1, receiver.receive(&byte, 1, nullptr, nullptr));
-    late.join();
+    WaitingCall<ssize_t> receive([&] { return receiver.receive(&byte, 1, nullptr, nullptr); });
+    receive.AwaitSleep();
+    sender.sendto("x", 1, kLoopback, receiver.getPort());
+    EXPECT_EQ(1, receive.Get());
 }
 
 TEST_F(UDPSocketTest, AReceiveWaitsNoLongerThanItsTimeout) {

@@ -12,6 +12,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include "TcpGathering.h"
 #include "kelo_protocol.h"
 #include "utils.h"
 
@@ -249,7 +250,7 @@ bool StreamReceiverTcp::receiveImageData(BufferInfo& image, uint32_t length) {
                   stream_number);
     }
     size_t received = 0;
-    const Received result = tcpReceiveAll(imageData(image), fitting, received);
+    const Received result = receiveGathered(imageData(image), fitting, received);
     // The memory may still hold another image.
     clearImage(image, received, image.bufferLength);
     switch (result) {
@@ -281,10 +282,20 @@ StreamReceiverTcp::Received StreamReceiverTcp::skip(size_t length) {
     return Received::Complete;
 }
 
+// A time-out ends a wait for a piece too, so a slow peer's bytes are taken as they come.
+StreamReceiverTcp::Received StreamReceiverTcp::receiveGathered(void* buffer, size_t length,
+                                                               size_t& received) {
+    {
+        const TcpGathering gathering(tcp_socket.Get(), length);
+        const Received result = tcpReceiveAll(buffer, gathering.Length(), received);
+        if (result != Received::Complete) return result;
+    }
+    return tcpReceiveAll(buffer, length, received);
+}
+
 StreamReceiverTcp::Received StreamReceiverTcp::tcpReceiveAll(void* buffer, size_t length,
                                                              size_t& received) {
     auto* bytes = static_cast<std::byte*>(buffer);
-    received = 0;
     while (received < length) {
         const ssize_t count =
             recv(tcp_socket.Get(), bytes + received, length - received, MSG_WAITALL);

@@ -67,8 +67,11 @@ private:
     BufferInfo describeImage(const THeaderImage& header);
     Received skip(size_t length);
     Received tcpReceiveAll(void* buffer, size_t length);
-    // received is the number of bytes that came, also when not all did.
+    // Goes on behind the received bytes of the buffer until it holds length, and counts on, also
+    // when not all come.
     Received tcpReceiveAll(void* buffer, size_t length, size_t& received);
+    // The same with few wake-ups.
+    Received receiveGathered(void* buffer, size_t length, size_t& received);
 
     // Guarded by onrcv_mutex.
     uint8_t streamFormat = 0;

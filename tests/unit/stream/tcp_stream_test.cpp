@@ -1,5 +1,6 @@
 // Streams over TCP, against a camera's side that the test plays itself on real loopback sockets.
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -7,8 +8,10 @@
 #include <fstream>
 #include <memory>
 #include <optional>
+#include <random>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <arpa/inet.h>
@@ -442,6 +445,65 @@ TEST_F(TcpStreamTest, MessagesMayComeByteByByte) {
     EXPECT_EQ(data_.substr(0, 4), "slow");
 }
 
+// Large enough for the system to be asked to gather its bytes.
+std::string LargeImage() {
+    std::mt19937 random(4711);
+    std::string data(300000, '\0');
+    std::generate(data.begin(), data.end(), [&] { return static_cast<char>(random()); });
+    return data;
+}
+
+TEST_F(TcpStreamTest, LargeImagesMayComeInPiecesOfAnySize) {
+    const std::string data = LargeImage();
+    Peer peer = Connect(static_cast<uint32_t>(data.size()));
+    const std::string messages = ImageMessage(1, data) + ImageMessage(2, data.substr(1));
+    std::mt19937 random(1);
+    for (size_t sent = 0; sent < messages.size();) {
+        const size_t length = std::uniform_int_distribution<size_t>(1, 1 << random() % 17)(random);
+        peer.Send(messages.substr(sent, length));
+        sent += length;
+    }
+    EXPECT_EQ(Take().bufferStatistics.bytesReceived, data.size());
+    EXPECT_EQ(data_, data);
+    EXPECT_EQ(Take().bufferStatistics.bytesReceived, data.size() - 1);
+    EXPECT_EQ(data_, data.substr(1) + '\0');
+    ExpectInStep(peer);
+}
+
+TEST_F(TcpStreamTest, EndOfALargeImageIsNotHeldBackUntilTheNext) {
+    const std::string data = LargeImage();
+    Peer peer = Connect(static_cast<uint32_t>(data.size()));
+    // Held back, each would come when a receive's time is over.
+    RepeatUntilInTime([&] {
+        const Stopwatch time;
+        for (uint32_t number = 0; number < 20; ++number) {
+            const std::string message = ImageMessage(number, data);
+            constexpr size_t kEnd = 100;
+            peer.Send(message.substr(0, message.size() - kEnd));
+            // For the reader to wait for the end.
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            peer.Send(message.substr(message.size() - kEnd));
+            EXPECT_EQ(Take().imageNumber, number);
+            EXPECT_EQ(data_, data);
+        }
+        return time.Elapsed() < std::chrono::seconds(1);
+    });
+}
+
+TEST_F(TcpStreamTest, PeerMayPauseWithinALargeImage) {
+    const std::string data = LargeImage();
+    const std::string message = ImageMessage(1, data);
+    Peer peer = Connect(static_cast<uint32_t>(data.size()));
+    // Too few for the system to wake the reader, which takes them all the same when its receive's
+    // time is over.
+    constexpr size_t kFew = 1000;
+    peer.Send(message.substr(0, kFew));
+    std::this_thread::sleep_for(std::chrono::milliseconds(250));
+    peer.Send(message.substr(kFew));
+    EXPECT_EQ(Take().bufferStatistics.bytesReceived, data.size());
+    EXPECT_EQ(data_, data);
+}
+
 TEST_F(TcpStreamTest, FrameThatNoMemoryCanBeHadForIsDroppedInStep) {
     Peer peer = Connect(0);
     peer.Send(ImageMessage(1, "nowhere"));
@@ -511,6 +573,15 @@ TEST_F(TcpResetTest, BrokenImageIsQueuedAsFarAsItCame) {
     EXPECT_EQ(log_.Count(Line("Failed to transfer 6 bytes for the image")), 1u);
     EXPECT_EQ(Take().bufferStatistics.bytesReceived, 0u);
     EXPECT_EQ(data_, "abc" + std::string(13, '\0'));
+}
+
+TEST_F(TcpResetTest, BrokenLargeImageIsQueuedAsFarAsItCame) {
+    const std::string data = LargeImage();
+    const size_t came = 20000;
+    SendAndReset(ImageMessage(1, data).substr(0, 24 + came), static_cast<uint32_t>(data.size()));
+    EXPECT_EQ(log_.Count(Line("Failed to transfer 300000 bytes for the image")), 1u);
+    EXPECT_EQ(Take().bufferStatistics.bytesReceived, 0u);
+    EXPECT_EQ(data_, data.substr(0, came) + std::string(data.size() - came, '\0'));
 }
 
 TEST_F(TcpResetTest, BrokenRemainderOfATruncatedImageIsLogged) {
@@ -619,6 +690,15 @@ TEST_F(TcpStallTest, PeerThatStopsWithinAnImage) {
     RepeatUntilInTime([&] {
         Peer peer = Connect();
         peer.Send(ImageMessage(1, "abcdef").substr(0, 27));
+        return EndsQuickly();
+    });
+}
+
+TEST_F(TcpStallTest, PeerThatStopsWithinALargeImage) {
+    const std::string data = LargeImage();
+    RepeatUntilInTime([&] {
+        Peer peer = Connect(static_cast<uint32_t>(data.size()));
+        peer.Send(ImageMessage(1, data).substr(0, 20000));
         return EndsQuickly();
     });
 }

@@ -59,8 +59,9 @@ TAKEN = {
         IMAGES, None, "{ const std::lock_guard leaving(get_image_mutex); }", ""),
     "images_wake_nobody": (
         IMAGES, None,
-        "finished_buffers.push_back(image);\n        wake_getimage = true;\n    }",
-        "finished_buffers.push_back(image);\n    }"),
+        "        wake_getimage = true;\n    } catch", "    } catch"),
+    "images_overtake_who_is_up": (
+        IMAGES, None, "in_wait = false;", ""),
     "images_come_when_announced": (
         IMAGES, None, "if (woken()) break;", "break;"),
     "images_watched_for_are_forgotten": (

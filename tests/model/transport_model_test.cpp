@@ -30,10 +30,10 @@
         void HandleReceiveError(int error);                                                   \
         void OpenSocket() { Socket = std::make_unique<UDPSocket>(stage_); }                   \
         bool InBulk() const { return false; }                                                 \
-        int Deliver(int) {                                                                    \
+        TOutlook Deliver(int) {                                                               \
             Require(!stage_.retired, "a datagram behind the retirement");                     \
             if (stage_.answers) Send(1, 1, "", 0);                                            \
-            return 0;                                                                         \
+            return {};                                                                        \
         }                                                                                     \
         Stage& stage_;                                                                        \
         const int MaxPacketSize = 16;                                                         \
@@ -112,7 +112,9 @@ public:
     static bool IsFull() { return false; }
 };
 
-using TOutlook = int;
+struct TOutlook {
+    bool overtakes = false;
+};
 struct ReceptionPause {
     using Clock = model::Clock;
     explicit ReceptionPause(size_t) {}

@@ -49,6 +49,7 @@ void FinishedImageQueue::WaitForImage(std::unique_lock<std::mutex>& lock, int ti
     const auto deadline = begin + std::chrono::milliseconds(timeout);
     wake_getimage = false;
     announced = false;
+    in_wait = true;
     waiting = watch.IsWorthwhile(begin);
     while (cv_wake_getimage.wait_until(lock, deadline, [&] { return woken() || announced; })) {
         if (woken()) break;
@@ -58,6 +59,7 @@ void FinishedImageQueue::WaitForImage(std::unique_lock<std::mutex>& lock, int ti
         lock.lock();
     }
     waiting = false;
+    in_wait = false;
     wake_getimage = false;
 }
 
@@ -138,6 +140,7 @@ void FinishedImageQueue::finish(BufferInfo image) {
     try {
         const std::lock_guard lock(finished_buffers_mutex);
         finished_buffers.push_back(image);
+        overtaken |= in_wait && wake_getimage;
         wake_getimage = true;
     } catch (const std::exception&) {
         // Reception must go on, in step, when there is no memory left even for the record.

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <list>
 #include <mutex>
+#include <utility>
 
 #include "CachedAllocator.h"
 #include "ImageWatch.h"
@@ -64,11 +65,16 @@ protected:
     // Tells it. The caller holds onrcv_mutex.
     void announce();
 
+    // Whether, since the last call, an image was completed before whoever waits in GetImage had got
+    // up for the one before. The caller holds onrcv_mutex.
+    bool takeOvertaken() { return std::exchange(overtaken, false); }
+
     CachedAllocator ca;
     std::mutex onrcv_mutex;               // the reception lock of the derived receiver
     StreamStatistics streamStatistics{};  // guarded by onrcv_mutex
 
 private:
+    bool overtaken = false;  // guarded by onrcv_mutex
     std::mutex finished_buffers_mutex;
     std::condition_variable cv_wake_getimage;
     std::atomic<bool> wake_getimage{false};  // set under finished_buffers_mutex
@@ -81,6 +87,7 @@ private:
     bool front_in_hand = false;              // GetImage has returned the oldest
     bool abandoned = false;                  // TakeImageInHand was called
     bool announced = false;                  // an image is nearly complete
+    bool in_wait = false;                    // somebody waits in GetImage
 
     BufferInfo* HandOutFront();
     void WaitForImage(std::unique_lock<std::mutex>& lock, int timeout);

@@ -6,6 +6,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "log_capture.h"
@@ -26,7 +27,16 @@ namespace {
 // How many of the thread's next allocations fail.
 thread_local int failing_allocations = 0;
 
+// How often threads gave their core away.
+std::atomic<int> yields{0};
+
 }  // namespace
+
+// Takes the place of the system's.
+extern "C" int sched_yield() noexcept {
+    ++yields;
+    return static_cast<int>(syscall(SYS_sched_yield));
+}
 
 // The system's operator new, which the linker replaces (--wrap) in this executable.
 extern "C" void* __real__Znwm(size_t size);
@@ -526,6 +536,54 @@ TEST_F(CommunicatorTest, DatagramsThatGatherInAPauseAreDelivered) {
     }
     EXPECT_TRUE(WaitFor([&] { return patient.Count() == sent.size(); }));
     EXPECT_EQ(sent, patient.Texts());
+}
+
+// Says of every batch that somebody sleeps who should have got up.
+class Overtaking : public Recorder {
+public:
+    explicit Overtaking(bool overtakes) : overtakes_(overtakes) {}
+    TOutlook OnRcvBatch(TPacketCommunicator* from, std::span<const TDatagram> datagrams,
+                        unsigned short port) override {
+        IPacketReceiver::OnRcvBatch(from, datagrams, port);
+        return {.overtakes = overtakes_};
+    }
+
+private:
+    const bool overtakes_;
+};
+
+class YieldTest : public CommunicatorTest {
+protected:
+    // How often the receive thread gives its core away while it receives that many datagrams, which
+    // wait for it or come one after the other.
+    int YieldsWith(bool overtakes, size_t waiting, size_t coming) {
+        Overtaking overtaking(overtakes);
+        TPacketCommunicatorUDPSocket bulk(&overtaking, 0, 16384, kLoopback, 4 << 20);
+        const auto send = [&] { bulk.Send(kLoopback, bulk.GetSocketPort(), "x", 1); };
+        for (size_t i = 0; i < waiting; ++i)
+            send();
+        const int before = yields;
+        bulk.StartRxThread();
+        for (size_t i = 0; i < coming; ++i) {
+            send();
+            EXPECT_TRUE(WaitFor([&] { return overtaking.Count() == waiting + i + 1; }));
+        }
+        EXPECT_TRUE(WaitFor([&] { return overtaking.Count() == waiting + coming; }));
+        bulk.StopRxThread();
+        return yields - before;
+    }
+};
+
+TEST_F(YieldTest, WhoIsOvertakenIsGivenTheCoreWhileThereIsMoreToReceive) {
+    EXPECT_GE(YieldsWith(true, 200, 0), 1);
+}
+
+TEST_F(YieldTest, WhereNobodyIsOvertakenTheCoreIsKept) {
+    EXPECT_EQ(YieldsWith(false, 200, 0), 0);
+}
+
+TEST_F(YieldTest, WhereNothingIsLeftToReceiveNoCoreIsGivenAway) {
+    EXPECT_EQ(YieldsWith(true, 0, 20), 0);
 }
 
 TEST_F(CommunicatorTest, DescriptionShowsTheAddressAndThePortThatTheSystemChose) {

@@ -115,6 +115,9 @@ public:
 struct TOutlook {
     bool overtakes = false;
 };
+struct CoreOffer {
+    static void Make() {}
+};
 struct ReceptionPause {
     using Clock = model::Clock;
     explicit ReceptionPause(size_t) {}

@@ -7,6 +7,7 @@
 #include <exception>
 #include <stdexcept>
 
+#include "CoreOffer.h"
 #include "DatagramBatch.h"
 #include "ReceptionPause.h"
 #include "utils.h"
@@ -157,6 +158,7 @@ void TPacketCommunicatorUDPSocket::RxThreadFunc(DatagramBatch& batch) {
     Socket->setReceiveTimeout(kReceiveWaitMs);
     ReadyToReceive = true;
     ReceptionPause pause(static_cast<size_t>(granted_buffer_bytes));
+    CoreOffer offer;
     if (InBulk()) kelo::WakeThisThreadOnTime();
     while (!RxThreadStopWanted) {
         if (batch.Receive(Socket->getNativeHandle()) < 0) {
@@ -165,10 +167,8 @@ void TPacketCommunicatorUDPSocket::RxThreadFunc(DatagramBatch& batch) {
         }
         const TOutlook outlook = Deliver(batch.Datagrams());
         if (!InBulk()) continue;
-        // A thread that always finds something to receive keeps its core as long as the system lets
-        // it, while images pile up, in fresh memory, for one that needs the core for a moment.
-        // Where there is nothing left to receive it is about to sleep anyway.
-        if (outlook.overtakes && batch.IsFull()) std::this_thread::yield();
+        // Where there is nothing left to receive this thread is about to sleep anyway.
+        if (outlook.overtakes && batch.IsFull()) offer.Make();
         const auto length = pause.After(ReceptionPause::Clock::now(), batch.Datagrams().size(),
                                         batch.Bytes(), outlook, !batch.IsFull());
         if (length.count() > 0) std::this_thread::sleep_for(length);

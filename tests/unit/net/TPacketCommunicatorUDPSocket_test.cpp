@@ -9,6 +9,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "in_time.h"
 #include "log_capture.h"
 #include "network_namespace.h"
 #include "socket_options.h"
@@ -17,6 +18,8 @@
 
 using kelo::test::Address;
 using kelo::test::LogCapture;
+using kelo::test::RepeatUntilInTime;
+using kelo::test::Stopwatch;
 using kelo::test::WaitFor;
 using namespace std::chrono_literals;
 using testing::ElementsAre;
@@ -27,14 +30,16 @@ namespace {
 // How many of the thread's next allocations fail.
 thread_local int failing_allocations = 0;
 
-// How often threads gave their core away.
+// How often threads gave their core away, and for how long they do.
 std::atomic<int> yields{0};
+std::atomic<int> yield_ms{0};
 
 }  // namespace
 
 // Takes the place of the system's.
 extern "C" int sched_yield() noexcept {
     ++yields;
+    if (yield_ms > 0) std::this_thread::sleep_for(std::chrono::milliseconds(yield_ms));
     return static_cast<int>(syscall(SYS_sched_yield));
 }
 
@@ -552,8 +557,10 @@ private:
     const bool overtakes_;
 };
 
-class YieldTest : public CommunicatorTest {
+class CoreOfferTest : public CommunicatorTest {
 protected:
+    ~CoreOfferTest() override { yield_ms = 0; }
+
     // How often the receive thread gives its core away while it receives that many datagrams, which
     // wait for it or come one after the other.
     int YieldsWith(bool overtakes, size_t waiting, size_t coming) {
@@ -574,15 +581,26 @@ protected:
     }
 };
 
-TEST_F(YieldTest, WhoIsOvertakenIsGivenTheCoreWhileThereIsMoreToReceive) {
+TEST_F(CoreOfferTest, WhoIsOvertakenIsGivenTheCoreWhileThereIsMoreToReceive) {
     EXPECT_GE(YieldsWith(true, 200, 0), 1);
 }
 
-TEST_F(YieldTest, WhereNobodyIsOvertakenTheCoreIsKept) {
+TEST_F(CoreOfferTest, WhatCostsTheThreadItsShareIsLeftOutForASecond) {
+    yield_ms = 1;
+    RepeatUntilInTime([&] {
+        const Stopwatch time;
+        const int made = YieldsWith(true, 200, 0);
+        if (time.Elapsed() > 900ms) return false;
+        EXPECT_EQ(made, 1);
+        return true;
+    });
+}
+
+TEST_F(CoreOfferTest, WhereNobodyIsOvertakenTheCoreIsKept) {
     EXPECT_EQ(YieldsWith(false, 200, 0), 0);
 }
 
-TEST_F(YieldTest, WhereNothingIsLeftToReceiveNoCoreIsGivenAway) {
+TEST_F(CoreOfferTest, WhereNothingIsLeftToReceiveNoCoreIsGivenAway) {
     EXPECT_EQ(YieldsWith(true, 0, 20), 0);
 }
 

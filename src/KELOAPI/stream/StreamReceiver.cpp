@@ -2,10 +2,29 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstddef>
 #include <cstring>
 #include <utility>
 
+#include <endian.h>
+
 #include "utils.h"
+
+namespace {
+
+// Where a payload goes is not known before its header is read: without this the copy would wait.
+void prefetchSecond(std::span<const TDatagram> datagrams) {
+    if (datagrams.size() > 1) __builtin_prefetch(datagrams[1].data);
+}
+
+// As much as the image has room for.
+void copyInto(const BufferInfo& image, uint64_t offset, const unsigned char* data,
+              uint64_t length) {
+    if (offset >= image.bufferLength) return;
+    std::memcpy(imageData(image) + offset, data, std::min(length, image.bufferLength - offset));
+}
+
+}  // namespace
 
 StreamReceiver::StreamReceiver(uint32_t ip, uint8_t number)
     : ip_address(ip), stream_number(number), slidingWindow(slidingWindowSize) {}
@@ -41,19 +60,25 @@ void StreamReceiver::OnRcvBatch(std::span<const TDatagram> datagrams) {
 
 void StreamReceiver::OnRcvLocked(std::span<const TDatagram> datagrams) {
     bool received = false;
-    for (size_t i = 0; i < datagrams.size(); ++i) {
-        const TDatagram& datagram = datagrams[i];
-        // Where a payload goes is not known before its header is read, so the copy would wait.
-        if (i + 1 < datagrams.size()) __builtin_prefetch(datagrams[i + 1].data);
-        if (datagram.length <= static_cast<int>(sizeof(THeaderImage))) continue;
-        if (!std::exchange(received, true)) packet_received_flag = true;
-        const Packet packet = parse(datagram);
-        if (isNext(packet)) {
-            takeNext(packet);
-        } else {
-            receive(packet);
-        }
+    while (!datagrams.empty()) {
+        prefetchSecond(datagrams);
+        size_t taken = takeRun(datagrams);
+        if (taken == 0) taken = takeOne(datagrams.front()) ? 1 : 0;
+        if (taken > 0 && !std::exchange(received, true)) packet_received_flag = true;
+        datagrams = datagrams.subspan(std::max<size_t>(taken, 1));
     }
+}
+
+// False for a datagram that is too short.
+bool StreamReceiver::takeOne(const TDatagram& datagram) {
+    if (datagram.length <= static_cast<int>(sizeof(THeaderImage))) return false;
+    const Packet packet = parse(datagram);
+    if (isNext(packet)) {
+        takeNext(packet);
+    } else {
+        receive(packet);
+    }
+    return true;
 }
 
 // With several images under reception a late packet may complete one at any moment.
@@ -109,12 +134,16 @@ void StreamReceiver::receive(const Packet& packet) {
     }
 }
 
+// Whether an image is under reception, without gaps so far.
+bool StreamReceiver::isWithoutGaps() const {
+    return !receiving_buffers.empty() && positions_set == 0 && !tooManyWait();
+}
+
 // Whether it is the packet that an empty window waits for, as nearly all are. Then there is nothing
 // to look up, and nothing to be recorded that would not be consumed at once.
 bool StreamReceiver::isNext(const Packet& packet) const {
-    return !receiving_buffers.empty() && positions_set == 0 &&
-           packet.number == slidingWindowPositionPacketNumber &&
-           packet.image_number == slidingWindowPositionImageNumber && !tooManyWait();
+    return isWithoutGaps() && packet.number == slidingWindowPositionPacketNumber &&
+           packet.image_number == slidingWindowPositionImageNumber;
 }
 
 void StreamReceiver::takeNext(const Packet& packet) {
@@ -125,6 +154,45 @@ void StreamReceiver::takeNext(const Packet& packet) {
     if (slidingWindowPositionPacketNumber >= receiving_buffers.front().first.allPacketsAmount) {
         completeFront(Completion::ByPackets);
     }
+}
+
+// The image's and the packet's number as one, which grows by one from packet to packet.
+uint64_t StreamReceiver::positionOf(const TDatagram& datagram) {
+    static_assert(offsetof(THeaderImage, NL_image_number) == 2);
+    static_assert(offsetof(THeaderImage, NS_current_packet) == 6);
+    constexpr uint64_t kBothNumbers = (uint64_t{1} << 48) - 1;
+    return be64toh(kelo::CopyRecord<uint64_t>(datagram.data, sizeof(uint64_t))) & kBothNumbers;
+}
+
+// The packets that follow one another from the one that the window waits for, up to the image's
+// last one, in a loop that keeps in registers what is the same for all of them. Returns how many.
+size_t StreamReceiver::takeRun(std::span<const TDatagram> datagrams) {
+    if (!isWithoutGaps()) return 0;
+    auto& [image, metadata] = receiving_buffers.front();
+    // Known from the last packet only: the next one still has to make it sure.
+    if (!metadata.payloadLengthCorrect) return 0;
+    const size_t payload_length = metadata.payloadLength;
+    const auto datagram_length = static_cast<int>(sizeof(THeaderImage) + payload_length);
+    const uint32_t first = slidingWindowPositionPacketNumber;
+    const uint64_t position = uint64_t{slidingWindowPositionImageNumber} << 16 | first;
+    const size_t most = std::min<size_t>(datagrams.size(), image.allPacketsAmount - 1u - first);
+
+    size_t taken = 0;
+    for (; taken < most; ++taken) {
+        const TDatagram& datagram = datagrams[taken];
+        prefetchSecond(datagrams.subspan(taken));
+        if (datagram.length != datagram_length || positionOf(datagram) != position + taken) break;
+        copyInto(image, payload_length * (first + taken),
+                 static_cast<const unsigned char*>(datagram.data) + sizeof(THeaderImage),
+                 payload_length);
+    }
+    if (taken == 0) return 0;
+    newest_packet_number = std::max(newest_packet_number, static_cast<uint32_t>(first + taken - 1));
+    tooNewPackets = 0;
+    slidingWindowPositionPacketNumber += static_cast<uint32_t>(taken);
+    streamStatistics.bytesReceived += taken * payload_length;
+    image.bufferStatistics.bytesReceived += static_cast<UINT32>(taken * payload_length);
+    return taken;
 }
 
 std::optional<StreamReceiver::Place> StreamReceiver::find(uint32_t image_number) const {
@@ -249,12 +317,8 @@ void StreamReceiver::placePayload(const Packet& packet, const Place& place) {
         packet.number == image.allPacketsAmount - 1u) {
         makeRoomForOddPacket(packet, place);
     }
-    const uint64_t offset = uint64_t{metadata.payloadLength} * packet.number;
-    const uint64_t length = image.bufferLength;
-    if (offset < length) {
-        std::memcpy(imageData(image) + offset, packet.payload(),
-                    std::min(uint64_t{packet.payload_length}, length - offset));
-    }
+    copyInto(image, uint64_t{metadata.payloadLength} * packet.number, packet.payload(),
+             packet.payload_length);
     streamStatistics.bytesReceived += packet.payload_length;
     image.bufferStatistics.bytesReceived += packet.payload_length;
 }

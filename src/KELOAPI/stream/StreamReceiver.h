@@ -117,7 +117,12 @@ private:
     void announceIfDue(uint32_t to_come);
     static Packet parse(const TDatagram& datagram);
 
+    static uint64_t positionOf(const TDatagram& datagram);
+
+    size_t takeRun(std::span<const TDatagram> datagrams);
+    bool takeOne(const TDatagram& datagram);
     void receive(const Packet& packet);
+    bool isWithoutGaps() const;
     bool isNext(const Packet& packet) const;
     void takeNext(const Packet& packet);
     std::optional<Place> find(uint32_t image_number) const;

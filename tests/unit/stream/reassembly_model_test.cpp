@@ -28,6 +28,7 @@ public:
         displacement_ = Pick({0, 0, 3, 40, 700});
         hostile_ = Pick({0, 0, 3, 50});
         image_ = Pick({0, 1, 1000, 0x7FFFFFFF, 0xFFFFFFFD});
+        batch_ = Pick({1, 1, 3, 32});
         stream_.InitStream(0, 0, 0, kFrameSize);
         model_.Restart();
     }
@@ -117,24 +118,37 @@ private:
     }
 
     void Deliver(const ImagePacket& packet) {
-        const std::string bytes = packet.Bytes();
-        stream_.OnRcv(1, bytes.data(), static_cast<int>(bytes.size()), 0);
+        batched_.push_back(packet.Bytes());
+        if (batched_.size() >= batch_) DeliverBatch();
         model_.Receive(packet);
         while (PerMille(2))
             Tick();
         if (PerMille(20)) CompareImages();
         if (PerMille(1) && Below(4) == 0) {
+            DeliverBatch();
             stream_.InitStream(0, 0, 0, kFrameSize);
             model_.Restart();
         }
     }
 
+    void DeliverBatch() {
+        std::vector<TDatagram> datagrams;
+        for (const std::string& bytes : batched_) {
+            datagrams.push_back(
+                {.ip = 1, .data = bytes.data(), .length = static_cast<int>(bytes.size())});
+        }
+        stream_.OnRcvBatch(datagrams);
+        batched_.clear();
+    }
+
     void Tick() {
+        DeliverBatch();
         stream_.finishTransfersIfNeeded();
         model_.Tick();
     }
 
     void CompareImages() {
+        DeliverBatch();
         ASSERT_EQ(stream_.GetPendingCount(), model_.finished.size());
         for (const auto& expected : model_.finished) {
             BufferInfo* image = stream_.GetImage(0);
@@ -168,6 +182,8 @@ private:
     uint32_t displacement_;
     uint32_t hostile_;
     uint32_t image_;
+    size_t batch_;
+    std::vector<std::string> batched_;  // not yet delivered
 };
 
 // A failure names its seed; KELO_TEST_SEED=<seed> in the environment runs that script alone.

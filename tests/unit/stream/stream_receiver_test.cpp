@@ -274,6 +274,17 @@ TEST_F(StreamReceiverTest, PacketNumberBehindTheCountLeavesAnEmptyImage) {
     EXPECT_EQ(image.streamStatistics.bytesReceived, 0u);
 }
 
+// The last packet comes first, too far ahead to be placed: the first one makes sure how long they
+// are, although it is just as long.
+TEST_F(StreamReceiverTest, LengthThatTheFirstPacketMakesSureIsKept) {
+    Send({.image = 1, .number = 2999, .count = 3000, .payload = "????"});
+    Send({.image = 1, .number = 0, .count = 3000, .payload = "abcd"});
+    Send({.image = 1, .number = 1, .count = 3000, .payload = "ef"});
+    LetTimePass();
+    Take();
+    EXPECT_EQ(data_, "abcdef"s + std::string(10, '\0'));
+}
+
 TEST_F(StreamReceiverTest, CountOfZeroBeginsNoImage) {
     Send({.image = 1, .number = 0, .count = 2, .payload = "ab"});
     Send({.image = 2, .number = 0, .count = 0, .payload = "??"});

@@ -1,10 +1,13 @@
 #include "process_usage.h"
 
 #include <algorithm>
+#include <array>
+#include <cstdlib>
 #include <fstream>
 #include <limits>
-#include <string>
+#include <string_view>
 
+#include <fcntl.h>
 #include <linux/perf_event.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -18,13 +21,18 @@ namespace {
 
 constexpr int DESCRIPTORS = 1024;
 
-// A field of /proc/self/status that is given in kB, in bytes.
-double StatusBytes(const std::string& name) {
-    std::ifstream status("/proc/self/status");
-    for (std::string line; std::getline(status, line);) {
-        if (line.starts_with(name + ":")) return std::stod(line.substr(name.size() + 1)) * 1024;
-    }
-    return 0;
+// A field of /proc/self/status that is given in kB, in bytes. Read into the stack: a stream's
+// buffer would be new pages again and again, among the page faults that are counted.
+double StatusBytes(std::string_view name) {
+    std::array<char, 4096> text;
+    const int file = open("/proc/self/status", O_RDONLY | O_CLOEXEC);
+    const ssize_t length = read(file, text.data(), text.size() - 1);
+    close(file);
+    if (length <= 0) return 0;
+    text[static_cast<size_t>(length)] = '\0';
+    const std::string_view status(text.data(), static_cast<size_t>(length));
+    const size_t field = status.find(name);
+    return field == status.npos ? 0 : std::strtod(&text[field + name.size()], nullptr) * 1024;
 }
 
 int OpenInstructionCounter(pid_t thread) {
@@ -40,11 +48,11 @@ int OpenInstructionCounter(pid_t thread) {
 }  // namespace
 
 double MemoryNow() {
-    return StatusBytes("VmRSS");
+    return StatusBytes("\nVmRSS:");
 }
 
 double PeakMemory() {
-    return StatusBytes("VmHWM");
+    return StatusBytes("\nVmHWM:");
 }
 
 void ForgetPeakMemory() {

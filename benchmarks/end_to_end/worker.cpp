@@ -87,6 +87,8 @@ public:
         cameras_.Begin(order);
         receiver_->Begin();
         const Received received = receiver_->Run([this] { return cameras_.Done(); }, latencies_);
+        // Before the figures are worked out, which takes memory of its own.
+        if (sampler) sampler->Stop();
         RunResult result;
         StoreUsage(before, Usage(threads, counter), result);
         result.sent = cameras_.Wait<Sent>();
@@ -98,8 +100,7 @@ public:
     }
 
 private:
-    void StoreSamples(MemorySampler& sampler, RunResult& result) const {
-        sampler.Stop();
+    void StoreSamples(const MemorySampler& sampler, RunResult& result) const {
         result.rss_first = sampler.First() - memory_before_;
         result.rss_last = sampler.Last() - memory_before_;
         result.rss_max = sampler.Largest() - memory_before_;

@@ -60,7 +60,7 @@ TAKEN = {
     "images_wake_nobody": (
         IMAGES, None,
         "        wake_getimage = true;\n    } catch", "    } catch"),
-    "images_overtake_who_is_up": (
+    "images_wake_who_is_up": (
         IMAGES, None, "in_wait = false;", ""),
     "images_come_when_announced": (
         IMAGES, None, "if (woken()) break;", "break;"),

@@ -113,7 +113,7 @@ public:
 };
 
 struct TOutlook {
-    bool overtakes = false;
+    bool wakes = false;
 };
 struct CoreOffer {
     static void Make() {}

@@ -3,7 +3,7 @@
 #include <chrono>
 #include <thread>
 
-// Lets those run that were woken for something handed over and could not get up before the next.
+// Lets those run that were woken for something handed over.
 //
 // A receive thread that always finds something to receive keeps its core as long as the system lets
 // it, while images pile up, in new and cold memory, for a thread that needs the core for a moment.

@@ -24,9 +24,9 @@ struct TOutlook {
     uint32_t until_wanted = 0;
     // Something new began with these datagrams: the time before them was a pause.
     bool begins = false;
-    // More was handed over before somebody who sleeps until there is something had got up: he may
-    // be waiting for this thread's core.
-    bool overtakes = false;
+    // Something was handed over to somebody who slept until there was: he may be waiting for this
+    // thread's core.
+    bool wakes = false;
 };
 
 // Takes the datagrams that a communicator receives.

@@ -168,7 +168,7 @@ void TPacketCommunicatorUDPSocket::RxThreadFunc(DatagramBatch& batch) {
         const TOutlook outlook = Deliver(batch.Datagrams());
         if (!InBulk()) continue;
         // Where there is nothing left to receive this thread is about to sleep anyway.
-        if (outlook.overtakes && batch.IsFull()) offer.Make();
+        if (outlook.wakes && batch.IsFull()) offer.Make();
         const auto length = pause.After(ReceptionPause::Clock::now(), batch.Datagrams().size(),
                                         batch.Bytes(), outlook, !batch.IsFull());
         if (length.count() > 0) std::this_thread::sleep_for(length);

@@ -140,7 +140,7 @@ void FinishedImageQueue::finish(BufferInfo image) {
     try {
         const std::lock_guard lock(finished_buffers_mutex);
         finished_buffers.push_back(image);
-        overtaken |= in_wait && wake_getimage;
+        has_woken |= in_wait;
         wake_getimage = true;
     } catch (const std::exception&) {
         // Reception must go on, in step, when there is no memory left even for the record.

@@ -65,16 +65,16 @@ protected:
     // Tells it. The caller holds onrcv_mutex.
     void announce();
 
-    // Whether, since the last call, an image was completed before whoever waits in GetImage had got
-    // up for the one before. The caller holds onrcv_mutex.
-    bool takeOvertaken() { return std::exchange(overtaken, false); }
+    // Whether, since the last call, an image was completed for somebody who was waiting in GetImage
+    // and may not have got up yet. The caller holds onrcv_mutex.
+    bool takeWoken() { return std::exchange(has_woken, false); }
 
     CachedAllocator ca;
     std::mutex onrcv_mutex;               // the reception lock of the derived receiver
     StreamStatistics streamStatistics{};  // guarded by onrcv_mutex
 
 private:
-    bool overtaken = false;  // guarded by onrcv_mutex
+    bool has_woken = false;  // guarded by onrcv_mutex
     std::mutex finished_buffers_mutex;
     std::condition_variable cv_wake_getimage;
     std::atomic<bool> wake_getimage{false};  // set under finished_buffers_mutex

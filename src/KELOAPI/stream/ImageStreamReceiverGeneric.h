@@ -172,7 +172,7 @@ private:
             const TOutlook of_stream = stream->takeOutlook();
             outlook.until_wanted = std::min(outlook.until_wanted, of_stream.until_wanted);
             outlook.begins |= of_stream.begins;
-            outlook.overtakes |= of_stream.overtakes;
+            outlook.wakes |= of_stream.wakes;
         }
         return handled;
     }

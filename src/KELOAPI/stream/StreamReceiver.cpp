@@ -85,7 +85,7 @@ bool StreamReceiver::takeOne(const TDatagram& datagram) {
 TOutlook StreamReceiver::takeOutlook() {
     TOutlook outlook{.until_wanted = 0,
                      .begins = std::exchange(image_begun, false),
-                     .overtakes = takeOvertaken()};
+                     .wakes = takeWoken()};
     if (receiving_buffers.empty()) return outlook;
     const uint32_t packets = receiving_buffers.front().first.allPacketsAmount;
     if (receiving_buffers.size() == 1 && newest_packet_number < packets) {

@@ -543,18 +543,18 @@ TEST_F(CommunicatorTest, DatagramsThatGatherInAPauseAreDelivered) {
     EXPECT_EQ(sent, patient.Texts());
 }
 
-// Says of every batch that somebody sleeps who should have got up.
-class Overtaking : public Recorder {
+// Says of every batch that it woke somebody.
+class Waking : public Recorder {
 public:
-    explicit Overtaking(bool overtakes) : overtakes_(overtakes) {}
+    explicit Waking(bool wakes) : wakes_(wakes) {}
     TOutlook OnRcvBatch(TPacketCommunicator* from, std::span<const TDatagram> datagrams,
                         unsigned short port) override {
         IPacketReceiver::OnRcvBatch(from, datagrams, port);
-        return {.overtakes = overtakes_};
+        return {.wakes = wakes_};
     }
 
 private:
-    const bool overtakes_;
+    const bool wakes_;
 };
 
 class CoreOfferTest : public CommunicatorTest {
@@ -563,9 +563,9 @@ protected:
 
     // How often the receive thread gives its core away while it receives that many datagrams, which
     // wait for it or come one after the other.
-    int YieldsWith(bool overtakes, size_t waiting, size_t coming) {
-        Overtaking overtaking(overtakes);
-        TPacketCommunicatorUDPSocket bulk(&overtaking, 0, 16384, kLoopback, 4 << 20);
+    int YieldsWith(bool wakes, size_t waiting, size_t coming) {
+        Waking waking(wakes);
+        TPacketCommunicatorUDPSocket bulk(&waking, 0, 16384, kLoopback, 4 << 20);
         const auto send = [&] { bulk.Send(kLoopback, bulk.GetSocketPort(), "x", 1); };
         for (size_t i = 0; i < waiting; ++i)
             send();
@@ -573,15 +573,15 @@ protected:
         bulk.StartRxThread();
         for (size_t i = 0; i < coming; ++i) {
             send();
-            EXPECT_TRUE(WaitFor([&] { return overtaking.Count() == waiting + i + 1; }));
+            EXPECT_TRUE(WaitFor([&] { return waking.Count() == waiting + i + 1; }));
         }
-        EXPECT_TRUE(WaitFor([&] { return overtaking.Count() == waiting + coming; }));
+        EXPECT_TRUE(WaitFor([&] { return waking.Count() == waiting + coming; }));
         bulk.StopRxThread();
         return yields - before;
     }
 };
 
-TEST_F(CoreOfferTest, WhoIsOvertakenIsGivenTheCoreWhileThereIsMoreToReceive) {
+TEST_F(CoreOfferTest, WhoeverIsWokenIsGivenTheCoreWhileThereIsMoreToReceive) {
     EXPECT_GE(YieldsWith(true, 200, 0), 1);
 }
 
@@ -596,7 +596,7 @@ TEST_F(CoreOfferTest, WhatCostsTheThreadItsShareIsLeftOutForASecond) {
     });
 }
 
-TEST_F(CoreOfferTest, WhereNobodyIsOvertakenTheCoreIsKept) {
+TEST_F(CoreOfferTest, WhereNobodyIsWokenTheCoreIsKept) {
     EXPECT_EQ(YieldsWith(false, 200, 0), 0);
 }
 

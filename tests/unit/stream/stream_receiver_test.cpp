@@ -4,7 +4,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sched.h>
 
 #include "StreamReceiver.h"
 #include "in_time.h"
@@ -689,49 +688,23 @@ TEST_F(ImageIsDueTest, IsWatchedFor) {
     });
 }
 
-// ---- Images that come faster than whoever waits gets up
+// ---- Whoever is woken for an image
 
-class OvertakingTest : public StreamReceiverTest {
-protected:
-    void Complete(uint32_t image) { SendRange(image, 0, 1, 2); }
-};
-
-TEST_F(OvertakingTest, NobodyIsOvertakenWhereNobodyWaits) {
-    Complete(1);
-    Complete(2);
-    EXPECT_FALSE(Outlook().overtakes);
+TEST_F(StreamReceiverTest, NobodyIsWokenWhereNobodyWaits) {
+    Send({.image = 1});
+    EXPECT_FALSE(Outlook().wakes);
 }
 
-// Of idle priority, whoever waits does not get the core before this thread sleeps.
-TEST_F(OvertakingTest, WhoeverDoesNotGetTheCoreIsOvertaken) {
-    cpu_set_t all;
-    cpu_set_t first;
-    ASSERT_EQ(sched_getaffinity(0, sizeof(all), &all), 0);
-    CPU_ZERO(&first);
-    for (int core = 0; CPU_COUNT(&first) == 0; ++core) {
-        if (CPU_ISSET(core, &all)) CPU_SET(core, &first);
-    }
-    ASSERT_EQ(sched_setaffinity(0, sizeof(first), &first), 0);
-    RepeatUntilInTime([&] {
-        WaitingCall<BufferInfo*> wait([&] {
-            const sched_param none{};
-            sched_setscheduler(0, SCHED_IDLE, &none);
-            return stream_.GetImage(60000);
-        });
-        wait.AwaitSleep();
-        Complete(1);
-        const bool by_the_first = Outlook().overtakes;
-        Complete(2);
-        const bool by_the_second = Outlook().overtakes;
-        const bool again = Outlook().overtakes;
-        EXPECT_NE(wait.Get(), nullptr);
-        stream_.ClearBuffer();
-        EXPECT_FALSE(by_the_first);
-        EXPECT_FALSE(again);
-        // Otherwise this thread lost the core in between.
-        return by_the_second;
-    });
-    sched_setaffinity(0, sizeof(all), &all);
+TEST_F(StreamReceiverTest, WhoeverWaitsIsSaidToBeWokenOnce) {
+    WaitingCall<BufferInfo*> wait([&] { return stream_.GetImage(60000); });
+    wait.AwaitSleep();
+    EXPECT_FALSE(Outlook().wakes);
+    Send({.image = 1});
+    EXPECT_TRUE(Outlook().wakes);
+    EXPECT_FALSE(Outlook().wakes);
+    EXPECT_NE(wait.Get(), nullptr);
+    Send({.image = 2});
+    EXPECT_FALSE(Outlook().wakes);
 }
 
 // ---- The outlook

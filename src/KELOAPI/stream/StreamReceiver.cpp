@@ -83,9 +83,8 @@ bool StreamReceiver::takeOne(const TDatagram& datagram) {
 
 // With several images under reception a late packet may complete one at any moment.
 TOutlook StreamReceiver::takeOutlook() {
-    TOutlook outlook{.until_wanted = 0,
-                     .begins = std::exchange(image_begun, false),
-                     .wakes = takeWoken()};
+    TOutlook outlook{
+        .until_wanted = 0, .begins = std::exchange(image_begun, false), .wakes = takeWoken()};
     if (receiving_buffers.empty()) return outlook;
     const uint32_t packets = receiving_buffers.front().first.allPacketsAmount;
     if (receiving_buffers.size() == 1 && newest_packet_number < packets) {

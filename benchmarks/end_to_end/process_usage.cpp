@@ -2,12 +2,10 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdlib>
 #include <fstream>
 #include <limits>
-#include <string_view>
+#include <string>
 
-#include <fcntl.h>
 #include <linux/perf_event.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -21,18 +19,17 @@ namespace {
 
 constexpr int DESCRIPTORS = 1024;
 
-// A field of /proc/self/status that is given in kB, in bytes. Read into the stack: a stream's
-// buffer would be new pages again and again, among the page faults that are counted.
-double StatusBytes(std::string_view name) {
-    std::array<char, 4096> text;
-    const int file = open("/proc/self/status", O_RDONLY | O_CLOEXEC);
-    const ssize_t length = read(file, text.data(), text.size() - 1);
-    close(file);
-    if (length <= 0) return 0;
-    text[static_cast<size_t>(length)] = '\0';
-    const std::string_view status(text.data(), static_cast<size_t>(length));
-    const size_t field = status.find(name);
-    return field == status.npos ? 0 : std::strtod(&text[field + name.size()], nullptr) * 1024;
+// A field of /proc/self/status that is given in kB, in bytes. The stream's buffer is on the stack:
+// its own would be new pages again and again, among the page faults that are counted.
+double StatusBytes(const std::string& name) {
+    std::array<char, 4096> buffer;
+    std::ifstream status;
+    status.rdbuf()->pubsetbuf(buffer.data(), buffer.size());
+    status.open("/proc/self/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.starts_with(name + ":")) return std::stod(line.substr(name.size() + 1)) * 1024;
+    }
+    return 0;
 }
 
 int OpenInstructionCounter(pid_t thread) {
@@ -48,11 +45,11 @@ int OpenInstructionCounter(pid_t thread) {
 }  // namespace
 
 double MemoryNow() {
-    return StatusBytes("\nVmRSS:");
+    return StatusBytes("VmRSS");
 }
 
 double PeakMemory() {
-    return StatusBytes("\nVmHWM:");
+    return StatusBytes("VmHWM");
 }
 
 void ForgetPeakMemory() {

@@ -2,15 +2,14 @@
 
 #include <atomic>
 #include <chrono>
-#include <fstream>
 #include <functional>
 #include <future>
-#include <string>
 #include <thread>
 
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include "thread_state.h"
 #include "wait_for.h"
 
 namespace kelo::test {
@@ -27,7 +26,7 @@ public:
 
     // Until the thread sleeps in the call: the system says so.
     void AwaitSleep() {
-        WaitFor([this] { return thread_ != 0 && State() == 'S'; });
+        WaitFor([this] { return thread_ != 0 && ThreadState(thread_) == 'S'; });
     }
     // Whether the call returns within the time.
     bool Returns(std::chrono::milliseconds limit = std::chrono::seconds(20)) {
@@ -40,14 +39,6 @@ public:
     }
 
 private:
-    char State() const {
-        std::ifstream file("/proc/self/task/" + std::to_string(thread_) + "/stat");
-        std::string text;
-        std::getline(file, text);
-        const size_t name_end = text.rfind(") ");
-        return name_end == std::string::npos ? '?' : text[name_end + 2];
-    }
-
     std::atomic<pid_t> thread_{0};
     std::future<Result> result_;
 };

@@ -29,6 +29,7 @@
 #include "in_time.h"
 #include "log_capture.h"
 #include "stream_wire.h"
+#include "thread_state.h"
 #include "utils.h"
 #include "wait_for.h"
 #include "waiting_call.h"
@@ -480,8 +481,7 @@ TEST_F(TcpStreamTest, EndOfALargeImageIsNotHeldBackUntilTheNext) {
             const std::string message = ImageMessage(number, data);
             constexpr size_t kEnd = 100;
             peer.Send(message.substr(0, message.size() - kEnd));
-            // For the reader to wait for the end.
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            EXPECT_TRUE(WaitFor([] { return ThreadState(ThreadNamed("kelo-tcp")) == 'S'; }));
             peer.Send(message.substr(message.size() - kEnd));
             EXPECT_EQ(Take().imageNumber, number);
             EXPECT_EQ(data_, data);

@@ -15,10 +15,12 @@ if(KELO_COVERAGE)
     add_link_options(--coverage)
 endif()
 
-# For folders whose code is not what the sanitizers are to test: compiling it optimised and
-# instrumented takes longer than it saves when it runs.
+# For code that is not what the sanitizers are to test, a folder's or a target's: compiling it
+# optimised and instrumented takes longer than it saves when it runs.
 macro(kelo_compile_quickly_with_sanitizers)
-    if(KELO_SANITIZE)
+    if(KELO_SANITIZE AND ${ARGC} EQUAL 0)
         add_compile_options(-O0)
+    elseif(KELO_SANITIZE)
+        target_compile_options(${ARGV0} PRIVATE -O0)
     endif()
 endmacro()

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "cpp_fixture.h"
+#include "thread_state.h"
 
 namespace kelo::test {
 namespace {
@@ -297,10 +298,14 @@ TEST_F(CppTest, AnAcquisitionStopsAtItsEnd) {
     Acquisition moved(std::move(*acquisition));
     acquisition.reset();
     EXPECT_TRUE(simulated.acquiring());
+    EXPECT_TRUE(WaitFor([&] { return camera.pending(0) > 0; }));
     moved.stop();
     EXPECT_TRUE(WaitFor([&] { return !simulated.acquiring(); }));
-    camera.clear(0);
-    EXPECT_EQ(camera.pending(0), 0u);
+    // What was on its way when the camera stopped may come after the first time.
+    EXPECT_TRUE(WaitFor([&] {
+        camera.clear(0);
+        return camera.pending(0) == 0;
+    }));
 }
 
 TEST_F(CppTest, ARefusedStartIsAFailure) {
@@ -410,12 +415,13 @@ TEST_F(CppTest, TheCloseCallbackMayThrow) {
 
 TEST_F(CppTest, WhoTakesTheCallbackAwayWaitsUntilItHasReturned) {
     kelosim::Camera& simulated = StartOne();
+    const pid_t taker = gettid();
     std::atomic<int> state{0};
     std::atomic<bool> being_taken{false};
     Camera camera = Open(simulated, [&](CAM_HANDLE) {
         state = 1;
-        WaitFor([&] { return being_taken.load(); });
-        std::this_thread::sleep_for(milliseconds(100));
+        // Until whoever takes it waits for this one.
+        WaitFor([&] { return being_taken && ThreadState(taker) == 'S'; });
         state = 2;
     });
     Lose(simulated, camera.handle());

@@ -13,6 +13,7 @@
 #include "log_capture.h"
 #include "network_namespace.h"
 #include "socket_options.h"
+#include "thread_state.h"
 #include "wait_for.h"
 #include "wait_readable.h"
 
@@ -20,6 +21,7 @@ using kelo::test::Address;
 using kelo::test::LogCapture;
 using kelo::test::RepeatUntilInTime;
 using kelo::test::Stopwatch;
+using kelo::test::ThreadState;
 using kelo::test::WaitFor;
 using namespace std::chrono_literals;
 using testing::ElementsAre;
@@ -355,14 +357,14 @@ class SendingReceiverTest : public CommunicatorTest {
 protected:
     // Runs stop while OnRcv is about to send.
     void StopWhileSending(const std::function<void(TPacketCommunicatorUDPSocket&)>& stop) {
+        const pid_t stopper = gettid();
         std::latch received(1);
         std::atomic<bool> stopping{false};
         std::atomic<bool> sent{false};
         receiver.action = [&](TPacketCommunicator& from) {
             received.count_down();
-            WaitFor([&] { return stopping.load(); });
-            // Time for the other thread to get to where it waits for this one.
-            std::this_thread::sleep_for(20ms);
+            // Until the other thread has got to where it waits for this one.
+            WaitFor([&] { return stopping && ThreadState(stopper) == 'S'; });
             sent = from.Send(kLoopback, peer.getPort(), "answer", 6) == 6;
         };
         const auto communicator = Started();
